@@ -1,0 +1,77 @@
+// A tour of the library for a new client module: exact decimals, wall-clock
+// date-times and the 64-bit checksum.
+
+#include <database/database.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QTextStream>
+
+namespace {
+
+QTextStream &out()
+{
+    static QTextStream stream(stdout);
+    return stream;
+}
+
+void decimals()
+{
+    out() << "== Decimals ==\n";
+    const decimal price = decimal::fromString(QStringLiteral("101.25"));
+    const decimal tick = decimal::fromString(QStringLiteral("0.005"));
+    out() << "price " << price.toString() << " + tick " << tick.toString() << " = " << (price + tick).toString()
+          << "\n";
+    out() << "price x 3 = " << (price * 3).toString() << "\n";
+
+    decimal rounded = price + tick;
+    rounded.setScale(2);
+    out() << "rounded to 2 digits: " << rounded.toString() << " (half away from zero)\n";
+
+    const decimal a(15, 1), b(150, 2);
+    out() << a.toString() << " == " << b.toString() << ": " << (a == b ? "yes" : "no")
+          << ", same encoding: " << (a.isEqual(b) ? "yes" : "no") << "\n";
+
+    try {
+        decimal::fromString(QStringLiteral("1,5"));
+    } catch (const QString &message) {
+        out() << "fromString(\"1,5\") refused: " << message << "\n";
+    }
+    bool ok = false;
+    const decimal any = decimal::fromAnyString(QStringLiteral("2.75"), &ok);
+    out() << "fromAnyString(\"2.75\") = " << any.toString() << " ok=" << ok << "\n";
+    out() << "in the system locale: " << price.toSystemString() << "\n\n";
+}
+
+void datetimes()
+{
+    out() << "== Date-times ==\n";
+    const datetime open(2024, 3, 5, 10, 0, 0, 0);
+    out() << "session opens " << open.toString() << "\n";
+    out() << "plus 90 minutes: " << open.addSecs(90 * 60).toString() << "\n";
+    out() << "next month: " << open.addMonths(1).toString(QStringLiteral("yyyy-MM-dd")) << "\n";
+    const datetime close(QStringLiteral("2024-03-05 18:45:00"));
+    out() << "session closes " << close.toString(datetime::sqlFormat(false)) << ", "
+          << open.secsTo(close) / 60 << " minutes later\n";
+    out() << "the stamp is the wall clock read as UTC: " << open.data() << " ms\n";
+    out() << "empty date-time prints as null: " << (datetime().toString().isNull() ? "yes" : "no") << "\n\n";
+}
+
+void checksums()
+{
+    out() << "== Checksum ==\n";
+    const QByteArray digits("123456789");
+    out() << "CRC-64 of \"" << digits << "\" = 0x" << QString::number(qChecksum64(digits.constData(), digits.size()), 16)
+          << "\n";
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("demo"));
+    decimals();
+    datetimes();
+    checksums();
+    return 0;
+}

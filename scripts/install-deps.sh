@@ -1,0 +1,27 @@
+#!/bin/sh
+# Installs the Debian packages the build, the tests and the benchmarks need.
+# Idempotent: when everything is present it only checks and exits.
+# As root it runs apt-get itself (after one 'apt-get update'); otherwise it
+# prints the command to run and fails.
+set -eu
+
+packages="g++ make cmake pkg-config qtbase5-dev zlib1g-dev libgtest-dev libbenchmark-dev"
+
+missing=""
+for p in $packages; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+        missing="$missing $p"
+    fi
+done
+
+[ -z "$missing" ] && exit 0
+
+echo "install-deps: missing Debian packages:$missing"
+if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps: run as root:  apt-get update && apt-get install -y$missing" >&2
+    exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -q
+# shellcheck disable=SC2086
+apt-get install -y -q --no-install-recommends $missing
