@@ -4,9 +4,18 @@
 // Everything the library exports, in one include.
 
 #include "checksum.h"
+#include "columndef.h"
+#include "core.h"
 #include "datetime.h"
 #include "decimal.h"
 #include "exception.h"
+#include "field.h"
 #include "fieldtype.h"
+#include "index.h"
+#include "indexlist.h"
+#include "indexsort.h"
+#include "masterindex.h"
+#include "partitionlist.h"
+#include "table.h"
 
 #endif // DATABASE_DATABASE_H

@@ -1,0 +1,584 @@
+#include "indexsort.h"
+
+#include <QtConcurrent/QtConcurrentMap>
+#include <QtCore/QHash>
+
+#include <algorithm>
+#include <unordered_set>
+#include <vector>
+
+namespace {
+
+using Iterator = PartitionList<Record>::iterator;
+using Less = IndexSort::LessThan;
+
+// Where each of a set of rows stands in an index: a vector sorted by row
+// address.
+struct RowPosition
+{
+    const unsigned char *row;
+    int position;
+    bool operator<(const RowPosition &other) const { return std::less<const unsigned char *>()(row, other.row); }
+};
+
+int positionOf(const std::vector<RowPosition> &positions, const Record &record)
+{
+    const RowPosition key{record.rowPtr(), -1};
+    const auto found = std::lower_bound(positions.begin(), positions.end(), key);
+    return found != positions.end() && found->row == key.row ? found->position : -1;
+}
+
+// --- The buffer-less stable merge sort ---------------------------------------
+
+void reverse(Iterator first, Iterator last, int n)
+{
+    for (int i = 0; i < n / 2; ++i) {
+        --last;
+        swap(*first, *last);
+        ++first;
+    }
+}
+
+// Swaps the adjacent runs [first, middle) and [middle, last) by reversals.
+Iterator rotate(Iterator first, Iterator middle, Iterator last, int n1, int n2)
+{
+    if (n1 == 0)
+        return last;
+    if (n2 == 0)
+        return first;
+    reverse(first, middle, n1);
+    reverse(middle, last, n2);
+    reverse(first, last, n1 + n2);
+    return first + n2;
+}
+
+// The first of n elements from `first` that is not less than value.
+Iterator lowerBound(Iterator first, int n, const Record &value, const Less &less)
+{
+    while (n > 0) {
+        const int half = n / 2;
+        Iterator middle = first + half;
+        if (less(*middle, value)) {
+            first = ++middle;
+            n -= half + 1;
+        } else {
+            n = half;
+        }
+    }
+    return first;
+}
+
+// The first of n elements from `first` that value is less than.
+Iterator upperBound(Iterator first, int n, const Record &value, const Less &less)
+{
+    while (n > 0) {
+        const int half = n / 2;
+        Iterator middle = first + half;
+        if (less(value, *middle)) {
+            n = half;
+        } else {
+            first = ++middle;
+            n -= half + 1;
+        }
+    }
+    return first;
+}
+
+void mergeWithoutBuffer(Iterator first, Iterator middle, Iterator last, int n1, int n2, const Less &less)
+{
+    if (n1 == 0 || n2 == 0)
+        return;
+    if (n1 + n2 == 2) {
+        if (less(*middle, *first))
+            swap(*first, *middle);
+        return;
+    }
+    Iterator firstCut;
+    Iterator secondCut;
+    int n11;
+    int n22;
+    if (n1 > n2) {
+        n11 = n1 / 2;
+        firstCut = first + n11;
+        secondCut = lowerBound(middle, n2, *firstCut, less);
+        n22 = secondCut - middle;
+    } else {
+        n22 = n2 / 2;
+        secondCut = middle + n22;
+        firstCut = upperBound(first, n1, *secondCut, less);
+        n11 = firstCut - first;
+    }
+    const Iterator newMiddle = rotate(firstCut, middle, secondCut, n1 - n11, n22);
+    mergeWithoutBuffer(first, firstCut, newMiddle, n11, n22, less);
+    mergeWithoutBuffer(newMiddle, secondCut, last, n1 - n11, n2 - n22, less);
+}
+
+void mergeSort(Iterator first, Iterator last, int n, const Less &less)
+{
+    if (n < 2)
+        return;
+    const int half = n / 2;
+    const Iterator middle = first + half;
+    mergeSort(first, middle, half, less);
+    mergeSort(middle, last, n - half, less);
+    mergeWithoutBuffer(first, middle, last, half, n - half, less);
+}
+
+struct SortTask
+{
+    Iterator first;
+    Iterator last;
+    int n;
+};
+
+struct MergeTask
+{
+    Iterator first;
+    Iterator middle;
+    Iterator last;
+    int n1;
+    int n2;
+};
+
+// Stable merge sort of a vector with a buffer: a record goes after the equal
+// records that came before it, as binary insertion after equal keys does.
+void stableSort(std::vector<Record> &records, const IndexSort &index)
+{
+    std::vector<Record> buffer(records.size());
+    for (size_t width = 1; width < records.size(); width *= 2) {
+        for (size_t start = 0; start < records.size(); start += 2 * width) {
+            const size_t middle = std::min(start + width, records.size());
+            const size_t end = std::min(start + 2 * width, records.size());
+            size_t left = start, right = middle, out = start;
+            while (left < middle && right < end) {
+                if (index.compare(records[left], records[right]) <= 0)
+                    buffer[out++] = std::move(records[left++]);
+                else
+                    buffer[out++] = std::move(records[right++]);
+            }
+            while (left < middle)
+                buffer[out++] = std::move(records[left++]);
+            while (right < end)
+                buffer[out++] = std::move(records[right++]);
+        }
+        records.swap(buffer);
+    }
+}
+
+} // namespace
+
+IndexSort::IndexSort(Table *table, bool registered)
+    : IndexList(table, registered)
+{
+}
+
+IndexSort::IndexSort(const QString &tableName)
+    : IndexList(tableName)
+{
+}
+
+void IndexSort::build()
+{
+    appendFromMaster(false);
+    resort();
+}
+
+void IndexSort::add(const Record &record)
+{
+    m_list.insert(indexOfAdd(record), record);
+}
+
+QString IndexSort::getClassName() const
+{
+    return QStringLiteral("IndexSort");
+}
+
+int IndexSort::search(const Record &key, int after) const
+{
+    int lo = std::max(after + 1, 0);
+    int hi = m_list.count();
+    if (lo >= hi)
+        return -1;
+    int found = -1;
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        const int c = compare(m_list.at(mid), key);
+        if (c > 0) {
+            hi = mid;
+        } else if (c < 0) {
+            lo = mid + 1;
+        } else {
+            found = mid;
+            hi = mid;
+        }
+    }
+    return found;
+}
+
+int IndexSort::searchLast(const Record &key, int after) const
+{
+    int lo = std::max(after + 1, 0);
+    int hi = m_list.count();
+    if (lo >= hi)
+        return -1;
+    int found = -1;
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        const int c = compare(m_list.at(mid), key);
+        if (c <= 0) {
+            if (c == 0)
+                found = mid;
+            lo = mid + 1;
+        } else {
+            hi = mid;
+        }
+    }
+    return found;
+}
+
+int IndexSort::searchFull(const Record &key, int after) const
+{
+    int offset = 0;
+    for (auto it = m_list.iteratorAt(std::max(after + 1, 0)); it != m_list.end(); ++it, ++offset) {
+        if (compare(*it, key) == 0)
+            return offset;
+    }
+    return -1;
+}
+
+int IndexSort::indexOfAdd(const Record &record) const
+{
+    int lo = 0;
+    int hi = m_list.count();
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        if (compare(m_list.at(mid), record) <= 0)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
+int IndexSort::indexOf(const Record &record) const
+{
+    int lo = 0;
+    int hi = m_list.count();
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        if (compare(m_list.at(mid), record) < 0)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    int position = lo;
+    for (auto it = m_list.iteratorAt(lo); it != m_list.end(); ++it, ++position) {
+        if (it->rowPtr() == record.rowPtr())
+            return position;
+        if (compare(*it, record) > 0)
+            break;
+    }
+    // The key may have changed since the record was placed.
+    return IndexList::indexOf(record);
+}
+
+void IndexSort::update(const Record &record, int, int, int position)
+{
+    if (!filter(record)) {
+        remove(record, -1);
+        return;
+    }
+    const int n = m_list.count();
+    int p = -1;
+    if (position != -1 && m_list.at(position).rowPtr() == record.rowPtr()) {
+        p = position;
+    } else {
+        p = search(record, -1);
+        if (p != -1) {
+            for (auto it = m_list.iteratorAt(p);; ++it, ++p) {
+                if (it == m_list.end() || compare(record, *it) != 0) {
+                    p = -1;
+                    break;
+                }
+                if (it->rowPtr() == record.rowPtr())
+                    break;
+            }
+        }
+    }
+
+    if (p != -1) {
+        const bool inOrder = !(p > 0 && compare(m_list.at(p - 1), record) > 0)
+            && !(p + 1 < n && compare(record, m_list.at(p + 1)) > 0);
+        if (inOrder)
+            return;
+    } else {
+        p = IndexList::indexOf(record);
+        if (p == -1) {
+            add(record);
+            return;
+        }
+    }
+    m_list.removeAt(p);
+    m_list.insert(indexOfAdd(record), record);
+}
+
+namespace {
+
+// Finds where each record stands, by row: first in the run of its key
+// (found by binary search), then, for those not found there, in one linear
+// pass over the whole index. A run longer than this is left to the linear
+// pass, which finds the same positions in one sweep instead of one per
+// record (an arrival-order index is a single run).
+constexpr int MaxRunWalk = 64;
+
+std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Record> &list,
+                                const std::vector<const Record *> &records)
+{
+    std::vector<RowPosition> positions;
+    positions.reserve(records.size());
+    std::vector<RowPosition> missing;
+    const int n = list.count();
+    for (const Record *record : records) {
+        int lo = 0;
+        int hi = n;
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (index.compare(list.at(mid), *record) < 0)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        int found = -1;
+        int position = lo;
+        int walked = 0;
+        for (auto it = list.iteratorAt(lo); it != list.end() && walked < MaxRunWalk; ++it, ++position, ++walked) {
+            if (it->rowPtr() == record->rowPtr()) {
+                found = position;
+                break;
+            }
+            if (index.compare(*it, *record) != 0)
+                break;
+        }
+        if (found != -1)
+            positions.push_back({record->rowPtr(), found});
+        else
+            missing.push_back({record->rowPtr(), -1});
+    }
+
+    if (!missing.empty()) {
+        std::sort(missing.begin(), missing.end());
+        missing.erase(std::unique(missing.begin(), missing.end(),
+                                  [](const RowPosition &a, const RowPosition &b) { return a.row == b.row; }),
+                      missing.end());
+        size_t left = missing.size();
+        int position = 0;
+        for (auto it = list.begin(); it != list.end() && left > 0; ++it, ++position) {
+            const RowPosition key{it->rowPtr(), -1};
+            const auto found = std::lower_bound(missing.begin(), missing.end(), key);
+            if (found != missing.end() && found->row == key.row && found->position == -1) {
+                found->position = position;
+                --left;
+            }
+        }
+        positions.insert(positions.end(), missing.begin(), missing.end());
+    }
+    std::sort(positions.begin(), positions.end());
+    return positions;
+}
+
+} // namespace
+
+QMap<Record, int> IndexSort::indexOfs(QList<Record> records) const
+{
+    std::vector<const Record *> pointers;
+    pointers.reserve(static_cast<size_t>(records.size()));
+    for (const Record &record : qAsConst(records))
+        pointers.push_back(&record);
+    const std::vector<RowPosition> positions = locate(*this, m_list, pointers);
+    QMap<Record, int> result;
+    for (const Record &record : qAsConst(records))
+        result.insert(record, positionOf(positions, record));
+    return result;
+}
+
+void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
+                        const QList<Record> &inserted)
+{
+    const int n = m_list.count();
+
+    // Where the removed and updated records stand now.
+    std::vector<const Record *> changed;
+    changed.reserve(static_cast<size_t>(removed.size() + updated.size()));
+    for (const Record &record : removed)
+        changed.push_back(&record);
+    for (const Record &record : updated)
+        changed.push_back(&record);
+    const std::vector<RowPosition> positions = locate(*this, m_list, changed);
+
+    std::unordered_set<int> deleted;
+    for (const Record &record : removed) {
+        const int p = positionOf(positions, record);
+        if (p != -1)
+            deleted.insert(p);
+    }
+
+    // Updated records, checked against their neighbours as they stand at the
+    // start of the batch.
+    enum Action { Nothing, Add, Delete, Move, Stay };
+    std::vector<Action> actions(static_cast<size_t>(updated.size()), Nothing);
+    std::vector<int> updatedPositions(static_cast<size_t>(updated.size()), -1);
+    for (int u = 0; u < updated.size(); ++u) {
+        const Record &record = updated[u];
+        const int p = positionOf(positions, record);
+        const bool accepted = filter(record);
+        updatedPositions[u] = p;
+        if (p == -1) {
+            actions[u] = accepted ? Add : Nothing;
+        } else if (!accepted) {
+            actions[u] = Delete;
+            deleted.insert(p);
+        } else if ((p > 0 && compare(record, m_list.at(p - 1)) < 0)
+                   || (p + 1 < n && compare(record, m_list.at(p + 1)) > 0)) {
+            actions[u] = Move;
+            deleted.insert(p);
+        } else {
+            actions[u] = Stay;
+        }
+    }
+
+    // A staying record was checked against neighbours that may leave. Check
+    // it again against its nearest neighbours that stay, and move it too when
+    // it is out of order with them; that may in turn unsettle the records
+    // next to it.
+    QHash<int, int> stayingAt; // position -> an updated entry staying there
+    std::vector<int> work;
+    for (int u = 0; u < updated.size(); ++u) {
+        const int p = updatedPositions[u];
+        if (actions[u] == Stay && !deleted.count(p)) {
+            stayingAt.insert(p, u);
+            if (deleted.count(p - 1) || deleted.count(p + 1))
+                work.push_back(p);
+        }
+    }
+    std::sort(work.begin(), work.end());
+    std::reverse(work.begin(), work.end()); // popped from the back: left to right
+    while (!work.empty()) {
+        const int p = work.back();
+        work.pop_back();
+        if (deleted.count(p) || !stayingAt.contains(p))
+            continue;
+        const Record &record = updated[stayingAt.value(p)];
+        int left = p - 1;
+        while (left >= 0 && deleted.count(left))
+            --left;
+        int right = p + 1;
+        while (right < n && deleted.count(right))
+            ++right;
+        if ((left >= 0 && compare(record, m_list.at(left)) < 0)
+            || (right < n && compare(record, m_list.at(right)) > 0)) {
+            deleted.insert(p);
+            for (int u = 0; u < updated.size(); ++u) {
+                if (updatedPositions[u] == p && actions[u] == Stay)
+                    actions[u] = Move;
+            }
+            if (left >= 0 && stayingAt.contains(left))
+                work.push_back(left);
+            if (right < n && stayingAt.contains(right))
+                work.push_back(right);
+        }
+    }
+
+    // Records to add, in arrival order: the inserted ones, then the updated
+    // ones that come (back) in.
+    std::vector<Record> additions;
+    for (const Record &record : inserted) {
+        if (filter(record))
+            additions.push_back(record);
+    }
+    for (int u = 0; u < updated.size(); ++u) {
+        if (actions[u] == Add || actions[u] == Move)
+            additions.push_back(updated[u]);
+    }
+
+    // One sweep deletes every range and compacts the partitions.
+    std::vector<int> sortedDeleted(deleted.begin(), deleted.end());
+    std::sort(sortedDeleted.begin(), sortedDeleted.end());
+    QVector<QPair<int, int>> ranges;
+    for (const int p : sortedDeleted) {
+        if (!ranges.isEmpty() && ranges.last().second == p)
+            ranges.last().second = p + 1;
+        else
+            ranges.append(qMakePair(p, p + 1));
+    }
+    m_list.removeRanges(ranges);
+
+    if (additions.empty())
+        return;
+    stableSort(additions, *this);
+
+    // Blocks of additions that share an insertion point go in together; the
+    // cursor only moves forward.
+    size_t blockStart = 0;
+    int blockPoint = -1;
+    int cursor = 0;
+    for (size_t a = 0; a < additions.size(); ++a) {
+        int lo = cursor;
+        int hi = m_list.count();
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (compare(m_list.at(mid), additions[a]) <= 0)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        if (a == 0) {
+            blockPoint = lo;
+        } else if (lo != blockPoint) {
+            const int size = static_cast<int>(a - blockStart);
+            m_list.insert(blockPoint, &additions[blockStart], size);
+            blockStart = a;
+            blockPoint = lo + size;
+        }
+        cursor = blockPoint;
+    }
+    m_list.insert(blockPoint, &additions[blockStart], static_cast<int>(additions.size() - blockStart));
+}
+
+void IndexSort::resort()
+{
+    const int n = m_list.count();
+    if (n == 0)
+        return;
+    const Less less{this};
+    if (n < 512) {
+        mergeSort(m_list.mutableBegin(), m_list.mutableEnd(), n, less);
+        return;
+    }
+
+    // Eight blocks sorted at once, then merged pairwise in three rounds.
+    Iterator b[9];
+    int at[9];
+    for (int k = 0; k < 9; ++k) {
+        at[k] = static_cast<int>(static_cast<long long>(n) * k / 8);
+        b[k] = m_list.iteratorAt<false>(at[k]);
+    }
+    QVector<SortTask> sorts;
+    for (int k = 0; k < 8; ++k)
+        sorts.append({b[k], b[k + 1], at[k + 1] - at[k]});
+    QtConcurrent::blockingMap(sorts, [&less](const SortTask &t) { mergeSort(t.first, t.last, t.n, less); });
+
+    auto mergeRound = [&](std::initializer_list<int> triples) {
+        QVector<MergeTask> merges;
+        const int *k = triples.begin();
+        for (; k != triples.end(); k += 3)
+            merges.append({b[k[0]], b[k[1]], b[k[2]], at[k[1]] - at[k[0]], at[k[2]] - at[k[1]]});
+        QtConcurrent::blockingMap(merges, [&less](const MergeTask &t) {
+            mergeWithoutBuffer(t.first, t.middle, t.last, t.n1, t.n2, less);
+        });
+    };
+    // Sorting moves elements but not partitions: the boundary iterators stay
+    // valid throughout.
+    mergeRound({0, 1, 2, 2, 3, 4, 4, 5, 6, 6, 7, 8});
+    mergeRound({0, 2, 4, 4, 6, 8});
+    mergeWithoutBuffer(b[0], b[4], b[8], at[4], at[8] - at[4], less);
+}

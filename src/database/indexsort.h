@@ -1,0 +1,75 @@
+#ifndef DATABASE_INDEXSORT_H
+#define DATABASE_INDEXSORT_H
+
+#include "database_export.h"
+#include "indexlist.h"
+
+#include <QtCore/QMap>
+
+// IndexSort: the records of a table in the order of compare(), which each
+// subclass defines. Adjacent records satisfy compare(earlier, later) <= 0,
+// and records with equal keys stay in the order in which they were added:
+// a new record goes after every record with an equal key, a batch keeps its
+// own order, and resort() is stable.
+//
+// Searches are binary and call compare(element, key), element of the list
+// first; `after` is an exclusive start (-1: the whole list). They assume the
+// list is in order; rows whose key was changed without update() are still
+// found by indexOf() through a linear fallback.
+//
+// process() applies a whole batch in one pass: removals and moved records
+// are deleted in one sweep over the partitions, and additions are inserted
+// in blocks at their places.
+//
+// resort() sorts with a stable, buffer-less merge sort; from 512 records on
+// it runs on eight tasks on Qt Concurrent's global pool and blocks until
+// done, so compare() must be callable from several threads at once.
+class DATABASE_EXPORT IndexSort : public IndexList
+{
+public:
+    // The less-than relation of sorting and merging: compare(a, b) < 0.
+    struct LessThan
+    {
+        const IndexSort *index;
+        bool operator()(const Record &a, const Record &b) const { return index->compare(a, b) < 0; }
+    };
+
+    IndexSort(Table *table, bool registered);
+    explicit IndexSort(const QString &tableName);
+
+    using IndexList::build;
+    // Appends every accepted record of the master index, then resort().
+    void build() override;
+    // Inserts after every record with an equal key.
+    void add(const Record &record) override;
+    void process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn, int lastColumn,
+                 const QList<Record> &inserted) override;
+    // Moves the record to its place if its key no longer fits between its
+    // neighbours; removes it if filter() refuses it, adds it if it is absent.
+    // A `position` hint is used only when it holds the record's row.
+    void update(const Record &record, int firstColumn, int lastColumn, int position) override;
+    // Row identity: the run of the record's key first, then a linear scan.
+    int indexOf(const Record &record) const override;
+    QString getClassName() const override;
+
+    virtual int compare(const Record &a, const Record &b) const = 0;
+    // The first position after `after` whose record compares equal to key;
+    // -1 if none.
+    virtual int search(const Record &key, int after) const;
+    // The last such position; -1 if none.
+    virtual int searchLast(const Record &key, int after) const;
+    // A linear scan from after + 1 for comparisons that do not follow the
+    // list's order. It answers the offset from after + 1, not the position
+    // (the two agree for after == -1); -1 if none.
+    virtual int searchFull(const Record &key, int after) const;
+    virtual void resort();
+
+    // Positions of many records at once (-1 for those not in the index).
+    QMap<Record, int> indexOfs(QList<Record> records) const;
+
+protected:
+    // The insertion point of a new record: after every equal key.
+    int indexOfAdd(const Record &record) const;
+};
+
+#endif // DATABASE_INDEXSORT_H

@@ -1,0 +1,517 @@
+#ifndef DATABASE_PARTITIONLIST_H
+#define DATABASE_PARTITIONLIST_H
+
+#include <QtCore/QList>
+#include <QtCore/QVector>
+#include <QtCore/QtGlobal>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <new>
+#include <type_traits>
+
+// PartitionList: a sequence cut into partitions of bounded size, so that an
+// insertion or removal in the middle of millions of elements moves at most
+// one partition's worth of them. It is the record container of every
+// list-based index.
+//
+// The partition layout is part of the behaviour and follows fixed rules:
+//   - append fills the last partition up to partitionSize - 1 elements, then
+//     starts a new one;
+//   - insert puts an element on a boundary at the end of the earlier
+//     partition, and splits a partition that reaches partitionSize into
+//     halves (the new one after it takes elements count / 2 .. end);
+//   - a block insertion goes into one partition and splits it at most once,
+//     so partitions may grow past partitionSize;
+//   - a removal deletes a partition that became empty, else merges the next
+//     partition into it and then it into the previous one when their counts
+//     together are below partitionSize / 2.
+// The partition vector always starts and ends with a null sentinel entry.
+//
+// Positions are found through a table of partition start offsets, so at()
+// and iterator arithmetic cost a binary search over the partitions, and
+// single steps are pointer increments.
+//
+// REQUIRES: T is relocatable (Q_MOVABLE_TYPE or primitive): elements are
+// moved inside and between partitions with memmove, never copied one by one.
+//
+// Thread safety: none of its own. Const operations may run concurrently.
+template <typename T>
+class PartitionList
+{
+    static_assert(QTypeInfo<T>::isRelocatable, "PartitionList moves its elements bytewise");
+
+public:
+    struct Partition
+    {
+        T *first;
+        T *last; // past the last element
+        int count;
+        int capacity;
+        PartitionList *list;
+    };
+
+    template <bool Const>
+    class Iterator
+    {
+    public:
+        using iterator_category = std::random_access_iterator_tag;
+        using value_type = T;
+        using difference_type = int;
+        using pointer = std::conditional_t<Const, const T *, T *>;
+        using reference = std::conditional_t<Const, const T &, T &>;
+
+        Iterator() = default;
+        Iterator(const PartitionList *list, Partition *const *entry, T *element)
+            : m_list(list), m_entry(entry), m_element(element)
+        {
+        }
+        // A mutable iterator converts to a const one.
+        template <bool C = Const, typename = std::enable_if_t<C>>
+        Iterator(const Iterator<false> &other) : m_list(other.m_list), m_entry(other.m_entry), m_element(other.m_element)
+        {
+        }
+
+        reference operator*() const { return *m_element; }
+        pointer operator->() const { return m_element; }
+        reference operator[](int n) const { return *(*this + n); }
+
+        Iterator &operator++()
+        {
+            if (++m_element == (*m_entry)->last) {
+                ++m_entry;
+                m_element = *m_entry ? (*m_entry)->first : nullptr;
+            }
+            return *this;
+        }
+        Iterator operator++(int)
+        {
+            Iterator old = *this;
+            ++*this;
+            return old;
+        }
+        Iterator &operator--()
+        {
+            if (!m_element || m_element == (*m_entry)->first) {
+                --m_entry;
+                m_element = (*m_entry)->last - 1;
+            } else {
+                --m_element;
+            }
+            return *this;
+        }
+        Iterator operator--(int)
+        {
+            Iterator old = *this;
+            --*this;
+            return old;
+        }
+        Iterator &operator+=(int n)
+        {
+            if (m_element) {
+                const Partition *p = *m_entry;
+                const auto offset = m_element - p->first + n;
+                if (offset >= 0 && offset < p->count) {
+                    m_element = p->first + offset;
+                    return *this;
+                }
+            }
+            return *this = m_list->template iteratorAt<Const>(position() + n);
+        }
+        Iterator &operator-=(int n) { return *this += -n; }
+        friend Iterator operator+(Iterator it, int n) { return it += n; }
+        friend Iterator operator+(int n, Iterator it) { return it += n; }
+        friend Iterator operator-(Iterator it, int n) { return it += -n; }
+        friend int operator-(const Iterator &a, const Iterator &b) { return a.position() - b.position(); }
+
+        bool operator==(const Iterator &o) const { return m_entry == o.m_entry && m_element == o.m_element; }
+        bool operator!=(const Iterator &o) const { return !(*this == o); }
+        bool operator<(const Iterator &o) const { return position() < o.position(); }
+        bool operator>(const Iterator &o) const { return o < *this; }
+        bool operator<=(const Iterator &o) const { return !(o < *this); }
+        bool operator>=(const Iterator &o) const { return !(*this < o); }
+
+        // The element's position in the whole list; count() at the end.
+        int position() const
+        {
+            const int entry = static_cast<int>(m_entry - m_list->m_partitions.constData());
+            return m_list->m_offsets[entry] + (m_element ? static_cast<int>(m_element - (*m_entry)->first) : 0);
+        }
+
+    private:
+        friend class PartitionList;
+        friend class Iterator<!Const>;
+        const PartitionList *m_list = nullptr;
+        Partition *const *m_entry = nullptr;
+        T *m_element = nullptr;
+    };
+
+    using const_iterator = Iterator<true>;
+    using iterator = Iterator<false>;
+
+    explicit PartitionList(int partitionSize = 10000)
+        : m_count(0), m_partitionSize(partitionSize), m_mergeThreshold(partitionSize / 2)
+    {
+        m_partitions = {nullptr, nullptr};
+        m_offsets = {0, 0};
+    }
+    ~PartitionList() { clear(); }
+    PartitionList(const PartitionList &) = delete;
+    PartitionList &operator=(const PartitionList &) = delete;
+
+    int count() const { return m_count; }
+    int size() const { return m_count; }
+    bool isEmpty() const { return m_count == 0; }
+    int partitionSize() const { return m_partitionSize; }
+    int mergeThreshold() const { return m_mergeThreshold; }
+    // The element counts of the partitions, in order: the layout.
+    QVector<int> partitionCounts() const
+    {
+        QVector<int> counts;
+        for (int k = 1; k + 1 < m_partitions.size(); ++k)
+            counts.append(m_partitions[k]->count);
+        return counts;
+    }
+
+    // The i-th element; a shared empty element when i is out of range.
+    const T &at(int i) const
+    {
+        const int k = entryContaining(i);
+        if (k < 0)
+            return emptyElement();
+        return m_partitions[k]->first[i - m_offsets[k]];
+    }
+    const T &operator[](int i) const { return at(i); }
+
+    const_iterator begin() const
+    {
+        Partition *const *entry = m_partitions.constData() + 1;
+        return const_iterator(this, entry, *entry ? (*entry)->first : nullptr);
+    }
+    const_iterator end() const
+    {
+        return const_iterator(this, m_partitions.constData() + m_partitions.size() - 1, nullptr);
+    }
+    const_iterator constBegin() const { return begin(); }
+    const_iterator constEnd() const { return end(); }
+    iterator mutableBegin()
+    {
+        Partition *const *entry = m_partitions.constData() + 1;
+        return iterator(this, entry, *entry ? (*entry)->first : nullptr);
+    }
+    iterator mutableEnd() { return iterator(this, m_partitions.constData() + m_partitions.size() - 1, nullptr); }
+    // The iterator at position i; end() when i is count() or more.
+    template <bool Const = true>
+    Iterator<Const> iteratorAt(int i) const
+    {
+        const int k = entryContaining(i);
+        if (k < 0)
+            return Iterator<Const>(this, m_partitions.constData() + m_partitions.size() - 1, nullptr);
+        return Iterator<Const>(this, m_partitions.constData() + k, m_partitions[k]->first + (i - m_offsets[k]));
+    }
+
+    void append(const T &value)
+    {
+        const int lastEntry = m_partitions.size() - 2;
+        Partition *p = m_partitions[lastEntry];
+        if (!p || p->count + 1 >= m_partitionSize) {
+            p = newPartition(m_partitionSize + 2);
+            m_partitions.insert(lastEntry + 1, p);
+            m_offsets.insert(lastEntry + 1, m_count);
+        }
+        reserve(p, p->count + 1);
+        new (p->last) T(value);
+        ++p->last;
+        ++p->count;
+        ++m_count;
+        ++m_offsets.last();
+    }
+
+    // Inserts before the element now at i; i == count() appends to the last
+    // partition. An i outside 0..count() inserts nothing.
+    void insert(int i, const T &value)
+    {
+        insertBlock(i, 1, [&value](T *to) { new (to) T(value); });
+    }
+    void insert(int i, const QList<T> &block)
+    {
+        if (!block.isEmpty()) {
+            insertBlock(i, block.size(), [&block](T *to) {
+                for (const T &value : block)
+                    new (to++) T(value);
+            });
+        }
+    }
+    void insert(int i, const T *elements, int n)
+    {
+        if (n > 0) {
+            insertBlock(i, n, [elements, n](T *to) {
+                for (int e = 0; e < n; ++e)
+                    new (to + e) T(elements[e]);
+            });
+        }
+    }
+
+    // Removes the i-th element; an i out of range changes nothing.
+    void removeAt(int i)
+    {
+        int k = entryContaining(i);
+        if (k < 0)
+            return;
+        Partition *p = m_partitions[k];
+        T *at = p->first + (i - m_offsets[k]);
+        at->~T();
+        std::memmove(static_cast<void *>(at), at + 1, static_cast<size_t>(p->last - at - 1) * sizeof(T));
+        --p->last;
+        --p->count;
+        --m_count;
+        if (p->count == 0) {
+            destroyPartition(p, false);
+            m_partitions.remove(k);
+            rebuildOffsets();
+            return;
+        }
+        bool merged = false;
+        Partition *next = m_partitions[k + 1];
+        if (next && p->count + next->count < m_mergeThreshold) {
+            moveAllInto(p, next);
+            m_partitions.remove(k + 1);
+            merged = true;
+        }
+        Partition *previous = k > 1 ? m_partitions[k - 1] : nullptr;
+        if (previous && previous->count + p->count < m_mergeThreshold) {
+            moveAllInto(previous, p);
+            m_partitions.remove(k);
+            merged = true;
+        }
+        if (merged) {
+            rebuildOffsets();
+        } else {
+            for (int j = k + 1; j < m_offsets.size(); ++j)
+                --m_offsets[j];
+        }
+    }
+
+    // Position of the first element equal to `value`, scanning from the
+    // front; -1 if none.
+    int indexOf(const T &value) const
+    {
+        for (int k = 1; k + 1 < m_partitions.size(); ++k) {
+            const Partition *p = m_partitions[k];
+            for (const T *e = p->first; e != p->last; ++e) {
+                if (*e == value)
+                    return m_offsets[k] + static_cast<int>(e - p->first);
+            }
+        }
+        return -1;
+    }
+
+    void clear()
+    {
+        for (int k = 1; k + 1 < m_partitions.size(); ++k)
+            destroyPartition(m_partitions[k], true);
+        m_partitions = {nullptr, nullptr};
+        m_offsets = {0, 0};
+        m_count = 0;
+    }
+
+    // Deletes the elements in `ranges` (half-open, sorted, disjoint) in one
+    // pass over the partitions, then compacts in one forward pass: empty
+    // partitions go, and each partition absorbs the following ones while
+    // their counts together stay below the merge threshold. The compaction
+    // runs even when there is nothing to delete.
+    void removeRanges(const QVector<QPair<int, int>> &ranges)
+    {
+        int r = 0;
+        for (int k = 1; k + 1 < m_partitions.size() && r < ranges.size(); ++k) {
+            Partition *p = m_partitions[k];
+            const int start = m_offsets[k];
+            const int stop = start + p->count;
+            T *write = p->first;
+            T *read = p->first;
+            while (r < ranges.size() && ranges[r].first < stop) {
+                const int from = std::max(ranges[r].first, start) - start;
+                const int to = std::min(ranges[r].second, stop) - start;
+                if (to > from) {
+                    const int keep = static_cast<int>(p->first + from - read);
+                    std::memmove(static_cast<void *>(write), read, static_cast<size_t>(keep) * sizeof(T));
+                    write += keep;
+                    for (T *e = p->first + from; e != p->first + to; ++e)
+                        e->~T();
+                    read = p->first + to;
+                }
+                if (ranges[r].second > stop)
+                    break; // the range goes on into the next partition
+                ++r;
+            }
+            if (write != read) {
+                const int keep = static_cast<int>(p->last - read);
+                std::memmove(static_cast<void *>(write), read, static_cast<size_t>(keep) * sizeof(T));
+                write += keep;
+                const int removed = static_cast<int>(p->last - write);
+                p->last = write;
+                p->count -= removed;
+                m_count -= removed;
+            }
+        }
+
+        int k = 1;
+        while (k + 1 < m_partitions.size()) {
+            Partition *p = m_partitions[k];
+            if (p->count == 0) {
+                destroyPartition(p, false);
+                m_partitions.remove(k);
+                continue;
+            }
+            while (m_partitions[k + 1] && p->count + m_partitions[k + 1]->count < m_mergeThreshold) {
+                moveAllInto(p, m_partitions[k + 1]);
+                m_partitions.remove(k + 1);
+            }
+            ++k;
+        }
+        rebuildOffsets();
+    }
+
+private:
+    static const T &emptyElement()
+    {
+        static const T empty{};
+        return empty;
+    }
+
+    // The entry of the partition holding position i (i < its end), or -1.
+    int entryContaining(int i) const
+    {
+        if (i < 0 || i >= m_count)
+            return -1;
+        const int *begin = m_offsets.constData() + 2;
+        const int *found = std::upper_bound(begin, m_offsets.constData() + m_offsets.size(), i);
+        return static_cast<int>(found - m_offsets.constData()) - 1;
+    }
+
+    // The entry where an insertion at i goes: a boundary position belongs to
+    // the earlier partition. The end sentinel for an empty list; -1 when i is
+    // out of range.
+    int entryForInsert(int i) const
+    {
+        if (i < 0 || i > m_count)
+            return -1;
+        if (m_count == 0)
+            return 1;
+        const int *begin = m_offsets.constData() + 2;
+        const int *found = std::lower_bound(begin, m_offsets.constData() + m_offsets.size(), i);
+        return static_cast<int>(found - m_offsets.constData()) - 1;
+    }
+
+    // Makes room for n elements at i and lets `construct` build them there.
+    template <typename Construct>
+    void insertBlock(int i, int n, Construct construct)
+    {
+        int k = entryForInsert(i);
+        if (k < 0)
+            return;
+        if (!m_partitions[k]) {
+            m_partitions.insert(k, newPartition(std::max(m_partitionSize + 2, n)));
+            m_offsets.insert(k, m_count);
+        }
+        Partition *p = m_partitions[k];
+        const int offset = i - m_offsets[k];
+        reserve(p, p->count + n);
+        T *at = p->first + offset;
+        std::memmove(static_cast<void *>(at + n), at, static_cast<size_t>(p->count - offset) * sizeof(T));
+        construct(at);
+        p->last += n;
+        p->count += n;
+        m_count += n;
+        if (p->count >= m_partitionSize) {
+            split(k);
+        } else {
+            for (int j = k + 1; j < m_offsets.size(); ++j)
+                m_offsets[j] += n;
+        }
+    }
+
+    // Halves the partition at entry k: a new partition right after it takes
+    // the elements from count / 2 on.
+    void split(int k)
+    {
+        Partition *p = m_partitions[k];
+        const int keep = p->count / 2;
+        const int moved = p->count - keep;
+        Partition *second = newPartition(std::max(m_partitionSize + 2, moved));
+        std::memcpy(static_cast<void *>(second->first), p->first + keep, static_cast<size_t>(moved) * sizeof(T));
+        second->last = second->first + moved;
+        second->count = moved;
+        p->last = p->first + keep;
+        p->count = keep;
+        m_partitions.insert(k + 1, second);
+        rebuildOffsets();
+    }
+
+    // Moves every element of `from` to the end of `to` and destroys `from`.
+    void moveAllInto(Partition *to, Partition *from)
+    {
+        reserve(to, to->count + from->count);
+        std::memcpy(static_cast<void *>(to->last), from->first, static_cast<size_t>(from->count) * sizeof(T));
+        to->last += from->count;
+        to->count += from->count;
+        destroyPartition(from, false);
+    }
+
+    Partition *newPartition(int capacity)
+    {
+        Partition *p = new Partition;
+        p->first = static_cast<T *>(qMallocAligned(static_cast<size_t>(capacity) * sizeof(T), alignof(T)));
+        Q_CHECK_PTR(p->first);
+        p->last = p->first;
+        p->count = 0;
+        p->capacity = capacity;
+        p->list = this;
+        return p;
+    }
+
+    static void destroyPartition(Partition *p, bool destroyElements)
+    {
+        if (destroyElements) {
+            for (T *e = p->first; e != p->last; ++e)
+                e->~T();
+        }
+        qFreeAligned(p->first);
+        delete p;
+    }
+
+    static void reserve(Partition *p, int needed)
+    {
+        if (needed <= p->capacity)
+            return;
+        const int capacity = std::max(needed, p->capacity + p->capacity / 2);
+        T *storage = static_cast<T *>(qReallocAligned(p->first, static_cast<size_t>(capacity) * sizeof(T),
+                                                      static_cast<size_t>(p->capacity) * sizeof(T), alignof(T)));
+        Q_CHECK_PTR(storage);
+        p->first = storage;
+        p->last = storage + p->count;
+        p->capacity = capacity;
+    }
+
+    void rebuildOffsets()
+    {
+        m_offsets.resize(m_partitions.size());
+        int total = 0;
+        m_offsets[0] = 0;
+        for (int k = 1; k < m_partitions.size(); ++k) {
+            m_offsets[k] = total;
+            if (m_partitions[k])
+                total += m_partitions[k]->count;
+        }
+    }
+
+    int m_count;
+    int m_partitionSize;
+    int m_mergeThreshold;
+    QVector<Partition *> m_partitions;
+    // m_offsets[k]: the number of elements before entry k of m_partitions.
+    QVector<int> m_offsets;
+};
+
+#endif // DATABASE_PARTITIONLIST_H

@@ -1,0 +1,51 @@
+#ifndef DATABASE_TABLE_P_H
+#define DATABASE_TABLE_P_H
+
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the database API. It exists for the convenience
+// of the library's own sources (table and persistence) and may change from
+// version to version without notice.
+//
+
+#include "columndef.h"
+
+#include <QtCore/QAtomicInt>
+#include <QtCore/QHash>
+#include <QtCore/QList>
+#include <QtCore/QMap>
+#include <QtCore/QRecursiveMutex>
+#include <QtCore/QString>
+
+class Index;
+class MasterIndex;
+
+class TablePrivate
+{
+public:
+    TablePrivate(const QString &name, const QString &title) : name(name), title(title) {}
+
+    // Records `name` under the number the next column will get.
+    void cacheColumn(const QString &name);
+    int columnIndex(const QString &name) const;
+
+    QString name;
+    QString title;
+    MasterIndex *masterIndex = nullptr;
+    QList<Index *> indexes;
+    QMap<QString, Index *> indexNames;
+    QList<Index *> dependentIndexes;
+    QList<TableColumnDef *> columns;
+    unsigned long long rowLength = 0;
+    unsigned long long rowSize = 4;
+    // The same entries twice: an ordered map answers faster for narrow
+    // tables, a hash for wide ones.
+    QHash<QString, int> columnHash;
+    QMap<QString, int> columnMap;
+    QRecursiveMutex mutex;
+    QAtomicInt updateDepth = 0;
+};
+
+#endif // DATABASE_TABLE_P_H

@@ -1,0 +1,271 @@
+#include "testutil.h"
+
+#include <database/indexlist.h>
+#include <database/partitionlist.h>
+#include <database/table.h>
+
+#include <QtCore/QRandomGenerator>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+using Counts = QVector<int>;
+
+void appendN(PartitionList<int> &list, int n, int from = 0)
+{
+    for (int i = 0; i < n; ++i)
+        list.append(from + i);
+}
+
+std::vector<int> contents(const PartitionList<int> &list)
+{
+    return std::vector<int>(list.begin(), list.end());
+}
+
+} // namespace
+
+TEST(PartitionList, AppendsFillPartitionsToOneBelowTheSize)
+{
+    PartitionList<int> list;
+    appendN(list, 10000);
+    EXPECT_EQ(list.partitionCounts(), Counts({9999, 1}));
+    EXPECT_EQ(list.count(), 10000);
+    EXPECT_EQ(list.at(9999), 9999);
+}
+
+TEST(PartitionList, InsertSplitsAFullPartitionInHalves)
+{
+    PartitionList<int> list;
+    appendN(list, 9999);
+    list.insert(5, -1);
+    EXPECT_EQ(list.partitionCounts(), Counts({5000, 5000}));
+    EXPECT_EQ(list.at(5), -1);
+    EXPECT_EQ(list.at(6), 5);
+    EXPECT_EQ(list.at(9999), 9998);
+}
+
+TEST(PartitionList, BoundaryInsertsGoToTheEarlierPartition)
+{
+    PartitionList<int> list(10);
+    list.insert(0, 1); // empty list: first partition
+    EXPECT_EQ(list.partitionCounts(), Counts({1}));
+    appendN(list, 9, 2); // 9 fill the first, the 10th opens a second
+    EXPECT_EQ(list.partitionCounts(), Counts({9, 1}));
+    list.insert(9, 100); // boundary: end of the first, which reaches 10 and splits
+    EXPECT_EQ(list.partitionCounts(), Counts({5, 5, 1}));
+    list.insert(list.count(), 200); // appends to the last partition
+    EXPECT_EQ(list.partitionCounts(), Counts({5, 5, 2}));
+    EXPECT_EQ(contents(list), std::vector<int>({1, 2, 3, 4, 5, 6, 7, 8, 9, 100, 10, 200}));
+
+    list.insert(list.count() + 1, 7); // out of range: nothing
+    list.insert(-1, 7);
+    EXPECT_EQ(list.count(), 12);
+}
+
+TEST(PartitionList, BlockInsertSplitsOnlyOnce)
+{
+    PartitionList<int> list(10);
+    appendN(list, 3);
+    QList<int> block;
+    for (int i = 0; i < 25; ++i)
+        block.append(100 + i);
+    list.insert(1, block);
+    EXPECT_EQ(list.partitionCounts(), Counts({14, 14}));
+    EXPECT_EQ(list.at(0), 0);
+    EXPECT_EQ(list.at(1), 100);
+    EXPECT_EQ(list.at(26), 1);
+    // A single insertion into an oversized partition splits it again.
+    list.insert(20, -5);
+    EXPECT_EQ(list.partitionCounts(), Counts({14, 7, 8}));
+
+    PartitionList<int> empty(10);
+    empty.insert(0, QList<int>({1, 2, 3}));
+    EXPECT_EQ(empty.partitionCounts(), Counts({3}));
+}
+
+TEST(PartitionList, RemovalMergesNeighboursBelowHalfTheSize)
+{
+    PartitionList<int> list;
+    appendN(list, 9999);
+    list.insert(2600, -1); // splits into 5000 and 5000
+    ASSERT_EQ(list.partitionCounts(), Counts({5000, 5000}));
+    for (int i = 0; i < 2400; ++i)
+        list.removeAt(0);
+    for (int i = 0; i < 2599; ++i)
+        list.removeAt(list.count() - 1);
+    EXPECT_EQ(list.partitionCounts(), Counts({2600, 2401}));
+    list.removeAt(list.count() - 1); // 2600 + 2400 is not below 5000
+    EXPECT_EQ(list.partitionCounts(), Counts({2600, 2400}));
+    list.removeAt(0); // 2599 + 2400 is: the next partition is merged in
+    EXPECT_EQ(list.partitionCounts(), Counts({4999}));
+
+    PartitionList<int> three(10);
+    appendN(three, 27); // 9, 9, 9
+    for (int i = 0; i < 6; ++i)
+        three.removeAt(9); // 9 + 3 is not below 5: no merge
+    EXPECT_EQ(three.partitionCounts(), Counts({9, 3, 9}));
+    three.removeAt(9);
+    three.removeAt(9); // middle holds 1: 1 + 9 not below 5 either way
+    three.removeAt(9); // middle empty: removed
+    EXPECT_EQ(three.partitionCounts(), Counts({9, 9}));
+}
+
+TEST(PartitionList, OutOfRangeAccessIsHarmless)
+{
+    PartitionList<Record> records;
+    EXPECT_TRUE(records.at(0).isNull());
+    EXPECT_TRUE(records.at(-1).isNull());
+    records.removeAt(0);
+    PartitionList<int> list;
+    appendN(list, 3);
+    EXPECT_EQ(list.at(3), 0);
+    list.removeAt(3);
+    list.removeAt(-1);
+    EXPECT_EQ(contents(list), std::vector<int>({0, 1, 2}));
+}
+
+TEST(PartitionList, IteratorArithmeticAcrossPartitions)
+{
+    PartitionList<int> list(10);
+    appendN(list, 40);
+    auto it = list.begin();
+    it += 17;
+    EXPECT_EQ(*it, 17);
+    EXPECT_EQ(it.position(), 17);
+    it -= 9;
+    EXPECT_EQ(*it, 8);
+    EXPECT_EQ((it + 30) - it, 30);
+    EXPECT_EQ(list.end() - list.begin(), 40);
+    EXPECT_EQ(*(list.end() - 1), 39);
+    auto back = list.end();
+    --back;
+    EXPECT_EQ(*back, 39);
+    EXPECT_TRUE(list.begin() + 40 == list.end());
+    EXPECT_EQ(list.iteratorAt(40), list.end());
+    EXPECT_EQ(*list.iteratorAt(26), 26);
+    int expected = 0;
+    for (const int value : list)
+        EXPECT_EQ(value, expected++);
+    PartitionList<int> empty;
+    EXPECT_TRUE(empty.begin() == empty.end());
+}
+
+TEST(PartitionList, RemoveRangesCompactsForwardOnly)
+{
+    PartitionList<int> list(10);
+    appendN(list, 27); // 9, 9, 9
+    list.removeRanges({qMakePair(1, 8), qMakePair(10, 12), qMakePair(17, 20)});
+    // 2, 6 and 7 elements remain: no two neighbours together are below 5.
+    EXPECT_EQ(list.partitionCounts(), Counts({2, 6, 7}));
+    EXPECT_EQ(contents(list), std::vector<int>({0, 8, 9, 12, 13, 14, 15, 16, 20, 21, 22, 23, 24, 25, 26}));
+    list.removeRanges({qMakePair(2, 6)}); // 2 + 2 merge; 4 + 7 do not
+    EXPECT_EQ(list.partitionCounts(), Counts({4, 7}));
+    list.removeRanges({qMakePair(0, 11)});
+    EXPECT_TRUE(list.partitionCounts().isEmpty());
+    EXPECT_EQ(list.count(), 0);
+}
+
+TEST(PartitionList, RandomOperationsMatchAPlainVector)
+{
+    QRandomGenerator random(1234);
+    PartitionList<int> list(16);
+    std::vector<int> model;
+    int next = 0;
+    for (int step = 0; step < 20000; ++step) {
+        const int n = static_cast<int>(model.size());
+        switch (random.bounded(5)) {
+        case 0:
+            list.append(next);
+            model.push_back(next++);
+            break;
+        case 1: {
+            const int i = random.bounded(n + 1);
+            list.insert(i, next);
+            model.insert(model.begin() + i, next++);
+            break;
+        }
+        case 2: {
+            const int i = random.bounded(n + 1);
+            QList<int> block;
+            for (int b = random.bounded(40); b > 0; --b)
+                block.append(next++);
+            list.insert(i, block);
+            model.insert(model.begin() + i, block.begin(), block.end());
+            break;
+        }
+        default:
+            if (n > 0) {
+                const int i = random.bounded(n);
+                list.removeAt(i);
+                model.erase(model.begin() + i);
+            }
+        }
+        ASSERT_EQ(list.count(), static_cast<int>(model.size()));
+        if (step % 97 == 0) {
+            ASSERT_EQ(contents(list), model);
+            for (const int c : list.partitionCounts())
+                ASSERT_GT(c, 0);
+            if (!model.empty()) {
+                const int i = random.bounded(static_cast<int>(model.size()));
+                ASSERT_EQ(list.at(i), model[i]);
+                ASSERT_EQ(list.indexOf(model[i]), i);
+            }
+        }
+    }
+}
+
+namespace {
+
+class MoveTest : public ::testing::Test
+{
+protected:
+    MoveTest() : table(QStringLiteral("letters"))
+    {
+        table.addColumn(QStringLiteral("letter"), FieldType::Integer);
+        for (char c = 'a'; c <= 'f'; ++c) {
+            Record record(&table);
+            FieldType::setInt(record.data(0).data(), c);
+            record.data(0).clearNull();
+            index.add(record);
+        }
+    }
+
+    std::string letters() const
+    {
+        std::string text;
+        for (const Record &record : index)
+            text += static_cast<char>(record.data(0).asInteger());
+        return text;
+    }
+
+    Table table;
+    IndexList index{&table, true};
+};
+
+} // namespace
+
+TEST_F(MoveTest, TargetCountsAfterTheBlockIsTakenOut)
+{
+    index.move(2, 4, 0);
+    EXPECT_EQ(letters(), "cdeabf");
+}
+
+TEST_F(MoveTest, MovesForward)
+{
+    index.move(0, 1, 2);
+    EXPECT_EQ(letters(), "cdabef");
+}
+
+TEST_F(MoveTest, NoOpCases)
+{
+    index.move(2, 4, 2);
+    index.move(2, 4, 4);
+    EXPECT_EQ(letters(), "abcdef");
+    index.move(4, 10, 99); // past the end: only what exists moves, appended
+    EXPECT_EQ(letters(), "abcdef");
+    index.move(0, 0, 99);
+    EXPECT_EQ(letters(), "bcdefa");
+}
