@@ -217,6 +217,45 @@ TEST(PartitionList, RandomOperationsMatchAPlainVector)
     }
 }
 
+TEST(PartitionList, BatchedBlocksMatchBlockByBlockInsertion)
+{
+    QRandomGenerator random(77);
+    for (int round = 0; round < 200; ++round) {
+        SCOPED_TRACE(round);
+        PartitionList<int> batched(10), oneByOne(10);
+        const int initial = random.bounded(60);
+        appendN(batched, initial);
+        appendN(oneByOne, initial);
+        if (round % 3 == 0) { // some layouts with small partitions
+            batched.removeRanges({qMakePair(0, initial / 3)});
+            oneByOne.removeRanges({qMakePair(0, initial / 3)});
+        }
+        std::vector<int> points, sizes, elements;
+        int point = 0;
+        int count = batched.count();
+        for (int b = random.bounded(1, 12); b > 0; --b) {
+            point += random.bounded(count - point + 1);
+            const int n = random.bounded(1, 15);
+            points.push_back(point);
+            sizes.push_back(n);
+            for (int e = 0; e < n; ++e)
+                elements.push_back(1000 * (round + 1) + static_cast<int>(elements.size()));
+            point += n; // the next block goes after this one
+            count += n;
+        }
+        batched.insertBlocks(points.data(), sizes.data(), static_cast<int>(points.size()), elements.data());
+        size_t next = 0;
+        for (size_t b = 0; b < points.size(); ++b) {
+            oneByOne.insert(points[b], elements.data() + next, sizes[b]);
+            next += static_cast<size_t>(sizes[b]);
+        }
+        ASSERT_EQ(contents(batched), contents(oneByOne));
+        ASSERT_EQ(batched.partitionCounts(), oneByOne.partitionCounts());
+        for (int i = 0; i < batched.count(); i += 7)
+            ASSERT_EQ(batched.at(i), oneByOne.at(i));
+    }
+}
+
 namespace {
 
 class MoveTest : public ::testing::Test

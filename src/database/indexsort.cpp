@@ -4,6 +4,7 @@
 #include <QtCore/QHash>
 
 #include <algorithm>
+#include <cmath>
 #include <unordered_set>
 #include <vector>
 
@@ -338,7 +339,15 @@ std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Reco
     positions.reserve(records.size());
     std::vector<RowPosition> missing;
     const int n = list.count();
+    // A probe of a binary search costs a comparison of two scattered rows,
+    // some twenty times a step of the linear pass: for large batches one
+    // pass over everything is cheaper than a search per record.
+    const bool passOnly = static_cast<double>(records.size()) * std::log2(n + 1.0) * 20.0 >= n;
     for (const Record *record : records) {
+        if (passOnly) {
+            missing.push_back({record->rowPtr(), -1});
+            continue;
+        }
         int lo = 0;
         int hi = n;
         while (lo < hi) {
@@ -366,20 +375,42 @@ std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Reco
     }
 
     if (!missing.empty()) {
-        std::sort(missing.begin(), missing.end());
-        missing.erase(std::unique(missing.begin(), missing.end(),
-                                  [](const RowPosition &a, const RowPosition &b) { return a.row == b.row; }),
-                      missing.end());
-        size_t left = missing.size();
+        // One pass over the whole index; each element's row is looked up in
+        // an open-addressing table of the rows still missing.
+        size_t capacity = 16;
+        while (capacity < 2 * missing.size())
+            capacity *= 2;
+        const size_t mask = capacity - 1;
+        std::vector<const unsigned char *> hashRows(capacity, nullptr);
+        std::vector<int> hashPosition(capacity, -1);
+        auto slotOf = [&](const unsigned char *row) {
+            quint64 x = reinterpret_cast<quintptr>(row);
+            x ^= x >> 33;
+            x *= 0xff51afd7ed558ccdULL;
+            x ^= x >> 33;
+            size_t slot = static_cast<size_t>(x) & mask;
+            while (hashRows[slot] && hashRows[slot] != row)
+                slot = (slot + 1) & mask;
+            return slot;
+        };
+        size_t left = 0;
+        for (const RowPosition &m : missing) {
+            const size_t slot = slotOf(m.row);
+            if (!hashRows[slot]) {
+                hashRows[slot] = m.row;
+                ++left;
+            }
+        }
         int position = 0;
         for (auto it = list.begin(); it != list.end() && left > 0; ++it, ++position) {
-            const RowPosition key{it->rowPtr(), -1};
-            const auto found = std::lower_bound(missing.begin(), missing.end(), key);
-            if (found != missing.end() && found->row == key.row && found->position == -1) {
-                found->position = position;
+            const size_t slot = slotOf(it->rowPtr());
+            if (hashRows[slot] && hashPosition[slot] == -1) {
+                hashPosition[slot] = position;
                 --left;
             }
         }
+        for (RowPosition &m : missing)
+            m.position = hashPosition[slotOf(m.row)];
         positions.insert(positions.end(), missing.begin(), missing.end());
     }
     std::sort(positions.begin(), positions.end());
@@ -516,11 +547,13 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
         return;
     stableSort(additions, *this);
 
-    // Blocks of additions that share an insertion point go in together; the
-    // cursor only moves forward.
-    size_t blockStart = 0;
-    int blockPoint = -1;
+    // Additions that share an insertion point go in together as one block;
+    // the search cursor only moves forward. The points are found in the list
+    // as it stands and then shifted by the blocks that go in before them.
+    std::vector<int> points;
+    std::vector<int> sizes;
     int cursor = 0;
+    int before = 0;
     for (size_t a = 0; a < additions.size(); ++a) {
         int lo = cursor;
         int hi = m_list.count();
@@ -531,17 +564,16 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
             else
                 hi = mid;
         }
-        if (a == 0) {
-            blockPoint = lo;
-        } else if (lo != blockPoint) {
-            const int size = static_cast<int>(a - blockStart);
-            m_list.insert(blockPoint, &additions[blockStart], size);
-            blockStart = a;
-            blockPoint = lo + size;
+        if (a == 0 || lo != cursor) {
+            if (!sizes.empty())
+                before += sizes.back();
+            points.push_back(lo + before);
+            sizes.push_back(0);
         }
-        cursor = blockPoint;
+        ++sizes.back();
+        cursor = lo;
     }
-    m_list.insert(blockPoint, &additions[blockStart], static_cast<int>(additions.size() - blockStart));
+    m_list.insertBlocks(points.data(), sizes.data(), static_cast<int>(points.size()), additions.data());
 }
 
 void IndexSort::resort()

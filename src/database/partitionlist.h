@@ -10,6 +10,7 @@
 #include <iterator>
 #include <new>
 #include <type_traits>
+#include <vector>
 
 // PartitionList: a sequence cut into partitions of bounded size, so that an
 // insertion or removal in the middle of millions of elements moves at most
@@ -251,6 +252,90 @@ public:
                     new (to + e) T(elements[e]);
             });
         }
+    }
+
+    // Inserts `blocks` blocks as that many insert(points[j], block j) calls
+    // in a row would, with the same splits, but moving each element of a
+    // partition once for all the blocks that land in it. Block j holds the
+    // next sizes[j] elements of `elements` (copied). REQUIRES: each point is
+    // in the list as it stands once the blocks before it are in, and the
+    // points do not decrease.
+    void insertBlocks(const int *points, const int *sizes, int blocks, const T *elements)
+    {
+        struct Pending
+        {
+            int offset; // in the partition, counting the blocks before it
+            int n;
+            const T *source;
+        };
+        std::vector<Pending> pending;
+        int current = -1;  // the entry whose blocks are pending
+        int physical = 0;  // elements really in its storage
+
+        auto materialize = [&]() {
+            if (current < 0)
+                return;
+            Partition *p = m_partitions[current];
+            if (p->count > p->capacity) {
+                T *storage = static_cast<T *>(qReallocAligned(p->first, static_cast<size_t>(p->count) * sizeof(T),
+                                                              static_cast<size_t>(p->capacity) * sizeof(T),
+                                                              alignof(T)));
+                Q_CHECK_PTR(storage);
+                p->first = storage;
+                p->capacity = p->count;
+            }
+            // From the back: every old element moves once, to its final place.
+            int before = 0;
+            for (const Pending &b : pending)
+                before += b.n;
+            int oldEnd = physical;
+            int destinationEnd = p->count;
+            for (auto b = pending.rbegin(); b != pending.rend(); ++b) {
+                before -= b->n;
+                const int oldStart = b->offset - before;
+                const int moved = oldEnd - oldStart;
+                std::memmove(static_cast<void *>(p->first + destinationEnd - moved), p->first + oldStart,
+                             static_cast<size_t>(moved) * sizeof(T));
+                destinationEnd -= moved;
+                for (int e = 0; e < b->n; ++e)
+                    new (p->first + destinationEnd - b->n + e) T(b->source[e]);
+                destinationEnd -= b->n;
+                oldEnd = oldStart;
+            }
+            p->last = p->first + p->count;
+            pending.clear();
+            current = -1;
+        };
+
+        for (int j = 0; j < blocks; ++j) {
+            const int n = sizes[j];
+            const T *source = elements;
+            elements += n;
+            const int k = entryForInsert(points[j]);
+            if (k < 0 || n <= 0)
+                continue;
+            if (k != current)
+                materialize();
+            if (!m_partitions[k]) {
+                m_partitions.insert(k, newPartition(std::max(m_partitionSize + 2, n)));
+                m_offsets.insert(k, m_count);
+            }
+            Partition *p = m_partitions[k];
+            if (current != k) {
+                current = k;
+                physical = p->count;
+            }
+            pending.push_back({points[j] - m_offsets[k], n, source});
+            p->count += n;
+            m_count += n;
+            for (int e = k + 1; e < m_offsets.size(); ++e)
+                m_offsets[e] += n;
+            if (p->count >= m_partitionSize) {
+                materialize();
+                split(k);
+            }
+        }
+        materialize();
     }
 
     // Removes the i-th element; an i out of range changes nothing.
