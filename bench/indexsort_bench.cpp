@@ -39,6 +39,24 @@ public:
     QString getClassName() const override { return QStringLiteral("KeyIndex"); }
 };
 
+// An empty table with a key column and a sorted index over it.
+struct EmptyTable
+{
+    EmptyTable() : table(std::make_unique<Table>(QStringLiteral("append")))
+    {
+        table->addColumn(QStringLiteral("key"), FieldType::Integer64, 0, false);
+        index = std::make_unique<KeyIndex>(table.get());
+    }
+    ~EmptyTable()
+    {
+        index.reset();
+        table.reset();
+    }
+
+    std::unique_ptr<Table> table;
+    std::unique_ptr<KeyIndex> index;
+};
+
 // A table of `rows` rows with random keys and a sorted index over them.
 struct Fixture
 {
@@ -68,23 +86,20 @@ static void BM_AppendRowsWithSortedIndex(benchmark::State &state)
 {
     for (auto _ : state) {
         state.PauseTiming();
-        auto table = std::make_unique<Table>(QStringLiteral("append"));
-        table->addColumn(QStringLiteral("key"), FieldType::Integer64, 0, false);
-        auto index = std::make_unique<KeyIndex>(table.get());
+        auto empty = std::make_unique<EmptyTable>();
         std::mt19937_64 random(1);
         state.ResumeTiming();
         {
-            TableUpdater updater(table.get());
+            TableUpdater updater(empty->table.get());
             for (int i = 0; i < Rows; ++i) {
-                Record record(table.get());
+                Record record(empty->table.get());
                 setKey(record, static_cast<long long>(random() % (4ULL * Rows)));
                 record.append();
             }
         }
-        benchmark::DoNotOptimize(index->count());
+        benchmark::DoNotOptimize(empty->index->count());
         state.PauseTiming();
-        index.reset();
-        table.reset();
+        empty.reset();
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * Rows);
@@ -96,27 +111,24 @@ static void BM_AppendListWithSortedIndex(benchmark::State &state)
 {
     for (auto _ : state) {
         state.PauseTiming();
-        auto table = std::make_unique<Table>(QStringLiteral("append"));
-        table->addColumn(QStringLiteral("key"), FieldType::Integer64, 0, false);
-        auto index = std::make_unique<KeyIndex>(table.get());
+        auto empty = std::make_unique<EmptyTable>();
         std::mt19937_64 random(1);
         QList<Record> rows;
         rows.reserve(Rows);
         for (int i = 0; i < Rows; ++i) {
-            Record record(table.get());
+            Record record(empty->table.get());
             setKey(record, static_cast<long long>(random() % (4ULL * Rows)));
             rows.append(record);
         }
         state.ResumeTiming();
         {
-            TableUpdater updater(table.get());
-            table->appendList(rows);
+            TableUpdater updater(empty->table.get());
+            empty->table->appendList(rows);
         }
-        benchmark::DoNotOptimize(index->count());
+        benchmark::DoNotOptimize(empty->index->count());
         state.PauseTiming();
         rows.clear();
-        index.reset();
-        table.reset();
+        empty.reset();
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * Rows);

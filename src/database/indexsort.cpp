@@ -196,27 +196,15 @@ QString IndexSort::getClassName() const
 
 int IndexSort::search(const Record &key, int after) const
 {
-    int lo = std::max(after + 1, 0);
-    int hi = m_list.count();
-    if (lo >= hi)
-        return -1;
-    int found = -1;
-    while (lo < hi) {
-        const int mid = lo + (hi - lo) / 2;
-        const int c = compare(m_list.at(mid), key);
-        if (c > 0) {
-            hi = mid;
-        } else if (c < 0) {
-            lo = mid + 1;
-        } else {
-            found = mid;
-            hi = mid;
-        }
-    }
-    return found;
+    return searchEqual(key, after, false);
 }
 
 int IndexSort::searchLast(const Record &key, int after) const
+{
+    return searchEqual(key, after, true);
+}
+
+int IndexSort::searchEqual(const Record &key, int after, bool last) const
 {
     int lo = std::max(after + 1, 0);
     int hi = m_list.count();
@@ -226,13 +214,13 @@ int IndexSort::searchLast(const Record &key, int after) const
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
         const int c = compare(m_list.at(mid), key);
-        if (c <= 0) {
-            if (c == 0)
-                found = mid;
-            lo = mid + 1;
-        } else {
+        if (c == 0)
+            found = mid;
+        // An equal key narrows towards the first or the last of the run.
+        if (c > 0 || (c == 0 && !last))
             hi = mid;
-        }
+        else
+            lo = mid + 1;
     }
     return found;
 }

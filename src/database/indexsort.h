@@ -70,6 +70,9 @@ public:
 protected:
     // The insertion point of a new record: after every equal key.
     int indexOfAdd(const Record &record) const;
+
+private:
+    int searchEqual(const Record &key, int after, bool last) const;
 };
 
 #endif // DATABASE_INDEXSORT_H
