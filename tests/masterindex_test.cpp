@@ -2,6 +2,7 @@
 #include "testutil.h"
 
 #include <database/masterindex.h>
+#include <database/masterindex_fast.h>
 #include <database/table.h>
 
 #include <gtest/gtest.h>
@@ -90,4 +91,144 @@ TEST_F(MasterIndexTest, RecordLookupByKeyUsesTheMaster)
     table.setMasterIndex(new MasterPtrIndex(&table));
     makeRow(table, {1, 1}).append();
     EXPECT_TRUE(Record(&table, QStringLiteral("1")).isNull()); // a blank probe matches no row
+}
+
+namespace {
+
+// Key columns: a (Integer), b (String 4), then c (Double) and d (Integer,
+// nullable); all but d are not nullable.
+class ColumnMasterTest : public ::testing::Test
+{
+protected:
+    ColumnMasterTest()
+    {
+        table.addColumn(QStringLiteral("a"), FieldType::Integer, 0, false);
+        table.addColumn(QStringLiteral("b"), FieldType::String, 4, false);
+        table.addColumn(QStringLiteral("c"), FieldType::Double, 0, false);
+        table.addColumn(QStringLiteral("d"), FieldType::Integer, 0, true);
+    }
+
+    Record add(int a, const QString &b)
+    {
+        const Record record(&table);
+        Field fa = record.data(0), fb = record.data(1);
+        fa = a;
+        fb = b;
+        record.append();
+        return record;
+    }
+
+    std::vector<QString> keys() const
+    {
+        std::vector<QString> result;
+        for (const Record &record : *table.masterIndex())
+            result.push_back(record.toString());
+        return result;
+    }
+
+    QString fastError(const QStringList &columns)
+    {
+        try {
+            MasterIndex_Fast index(&table, columns);
+        } catch (const QString &message) {
+            return message;
+        }
+        return QStringLiteral("<no error>");
+    }
+
+    Table table{QStringLiteral("keyed")};
+};
+
+} // namespace
+
+TEST_F(ColumnMasterTest, OrdersByKeyValuesAndFindsByText)
+{
+    MasterIndexColumn::createMasterIndex(&table, {QStringLiteral("a"), QStringLiteral("b")});
+    EXPECT_EQ(table.masterIndex()->getClassName(), QStringLiteral("MasterIndex"));
+    EXPECT_EQ(table.masterIndex()->columnNames(), QStringList({"a", "b"}));
+    add(2, QStringLiteral("b"));
+    add(2, QStringLiteral("a"));
+    add(1, QStringLiteral("z"));
+    EXPECT_EQ(keys(), std::vector<QString>({"1,z", "2,a", "2,b"}));
+    EXPECT_EQ(table.masterIndex()->findRecord(QStringLiteral("2,b")).toString(), QStringLiteral("2,b"));
+    EXPECT_TRUE(table.masterIndex()->findRecord(QStringLiteral("3,b")).isNull());
+    EXPECT_EQ(Record(&table, QStringLiteral("2,a")).toString(), QStringLiteral("2,a"));
+    EXPECT_TRUE(Record(&table, QStringLiteral("9,a")).isNull());
+
+    const Record blank(&table);
+    EXPECT_TRUE(table.masterIndex()->toText(blank).isNull());
+    try {
+        table.masterIndex()->fromText(QStringLiteral("1"));
+        ADD_FAILURE() << "no error";
+    } catch (const QString &message) {
+        EXPECT_EQ(message, QStringLiteral("Master index can't restore from text. Incorrect columns numbers: 1 != 2"));
+    }
+    const Record probe = table.masterIndex()->fromText(QStringLiteral("5,"));
+    EXPECT_EQ(probe.data(0).toInteger(), 5);
+    EXPECT_TRUE(probe.data(1).isNull()); // an empty part makes the field null
+    EXPECT_FALSE(probe.inTable());
+}
+
+TEST_F(ColumnMasterTest, FastIndexOrdersByRawBytes)
+{
+    table.setMasterIndex(MasterIndex_Fast::create(&table, {QStringLiteral("a")}));
+    EXPECT_EQ(table.masterIndex()->getClassName(), QStringLiteral("MasterIndex_Fast"));
+    add(1, QStringLiteral("x"));
+    add(256, QStringLiteral("y"));
+    add(2, QStringLiteral("z"));
+    // Little-endian slots: 256 (00 01 ..) sorts before 1 (01 00 ..).
+    EXPECT_EQ(keys(), std::vector<QString>({"256", "1", "2"}));
+    EXPECT_EQ(table.masterIndex()->findRecord(QStringLiteral("2")).data(1).toString(), QStringLiteral("z"));
+
+    Table wide(QStringLiteral("wide"));
+    wide.addColumn(QStringLiteral("k"), FieldType::Integer64, 0, false);
+    wide.addColumn(QStringLiteral("s"), FieldType::String, 3, false);
+    MasterIndex_Fast::createMasterIndex(&wide, {QStringLiteral("k"), QStringLiteral("s")});
+    for (const char *s : {"ab", "b", "aa"}) {
+        const Record r(&wide);
+        Field k = r.data(0), text = r.data(1);
+        k = 7LL;
+        text = QString::fromLatin1(s);
+        r.append();
+    }
+    QStringList order;
+    for (const Record &r : *wide.masterIndex())
+        order.append(r.toString());
+    EXPECT_EQ(order, QStringList({"7,aa", "7,ab", "7,b"}));
+}
+
+TEST_F(ColumnMasterTest, FastIndexRefusesUnsuitableColumns)
+{
+    table.addColumn(QStringLiteral("e"), FieldType::Integer, 0, false);
+    table.addColumn(QStringLiteral("f"), FieldType::Integer, 0, false);
+    EXPECT_EQ(fastError({"a", "e"}), QStringLiteral("Columns must be sequenced: 4(e) / 1"));
+    EXPECT_EQ(fastError({"c"}), QStringLiteral("Type 'Double' unsuported for c"));
+    EXPECT_EQ(fastError({"d"}), QStringLiteral("Columns can't be nullable d"));
+    EXPECT_EQ(fastError({"zz"}), QStringLiteral("Column 'zz' not found to create index."));
+    EXPECT_EQ(fastError({"e", "f"}), QStringLiteral("<no error>"));
+
+    MessageCapture capture;
+    MasterIndex *fallback = MasterIndex_Fast::create(&table, {QStringLiteral("a"), QStringLiteral("e")});
+    EXPECT_EQ(fallback->getClassName(), QStringLiteral("MasterIndex"));
+    EXPECT_EQ(capture.messages, QStringList(QStringLiteral("Невозможно использовать оптимальный MasterIndex для 'keyed':\n"
+                                                           "Columns must be sequenced: 4(e) / 1")));
+    delete fallback;
+    EXPECT_THROW(MasterIndex_Fast::create(&table, {QStringLiteral("zz")}), QString);
+}
+
+TEST_F(ColumnMasterTest, NamedSecondaryIndexes)
+{
+    MasterIndex *byB = MasterIndexColumn::createIndex(QStringLiteral("byB"), &table, {QStringLiteral("b")});
+    EXPECT_EQ(table.namedIndex(QStringLiteral("byB")), byB);
+    EXPECT_TRUE(table.indexes().contains(byB));
+    add(1, QStringLiteral("q"));
+    EXPECT_EQ(byB->count(), 1);
+
+    MasterIndex_Fast::createIndex(QStringLiteral("fastA"), &table, {QStringLiteral("a")});
+    Index *fastA = table.namedIndex(QStringLiteral("fastA"));
+    ASSERT_NE(fastA, nullptr);
+    EXPECT_FALSE(table.indexes().contains(fastA)); // named, not added
+    table.removeIndex(byB);
+    delete byB;
+    delete fastA;
 }

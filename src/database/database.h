@@ -10,12 +10,16 @@
 #include "decimal.h"
 #include "exception.h"
 #include "field.h"
+#include "fieldvalue.h"
 #include "fieldtype.h"
 #include "index.h"
+#include "indexlimit.h"
 #include "indexlist.h"
 #include "indexsort.h"
 #include "masterindex.h"
+#include "masterindex_fast.h"
 #include "partitionlist.h"
+#include "recordstrans.h"
 #include "table.h"
 
 #endif // DATABASE_DATABASE_H

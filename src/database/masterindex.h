@@ -14,8 +14,9 @@
 // Variants here: MasterPtrIndex orders rows by the address of their block;
 // MasterIndexOrdered compares every pair equal, so rows stay in arrival
 // order (a new table's default); MasterIndexProxy delegates to the master
-// index its table had when the proxy was made. Key-column variants live in
-// masterindex_column.h.
+// index its table had when the proxy was made; MasterIndexColumn orders by
+// the values of key columns (and MasterIndex_Fast, in masterindex_fast.h, by
+// their raw bytes).
 class DATABASE_EXPORT MasterIndex : public IndexSort
 {
 public:
@@ -73,6 +74,36 @@ public:
 
 private:
     MasterIndex *m_target;
+};
+
+// Orders rows by the values of key columns, compared field by field with
+// Field::compare. Its text key is the key fields' texts joined by ","
+// (nothing is escaped: a comma inside a value is not protected).
+//
+// Failures are thrown as a bare QString: "Column '%1' not found to create
+// index." for an unknown key column and "Master index can't restore from
+// text. Incorrect columns numbers: %1 != %2" for a key text with the wrong
+// number of parts.
+class DATABASE_EXPORT MasterIndexColumn : public MasterIndex
+{
+public:
+    MasterIndexColumn(Table *table, const QString &column);
+    MasterIndexColumn(Table *table, const QStringList &columns);
+    // Column numbers taken as given, unchecked.
+    MasterIndexColumn(Table *table, const QList<int> &columns);
+
+    int compare(const Record &a, const Record &b) const override;
+    // Null when any key field's text is empty.
+    QString toText(const Record &record) override;
+    Record fromText(const QString &text) override;
+
+    // A new index; the caller owns it.
+    static MasterIndex *create(Table *table, QStringList columns);
+    // Installs a new index as the table's master index.
+    static void createMasterIndex(Table *table, QStringList columns);
+    // A new index registered with the table under `name`; the table does not
+    // own it.
+    static MasterIndex *createIndex(const QString &name, Table *table, QStringList columns);
 };
 
 #endif // DATABASE_MASTERINDEX_H

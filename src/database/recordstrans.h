@@ -1,0 +1,85 @@
+#ifndef DATABASE_RECORDSTRANS_H
+#define DATABASE_RECORDSTRANS_H
+
+#include "database_export.h"
+#include "table.h"
+
+#include <QtCore/QList>
+#include <QtCore/QMap>
+
+class MasterIndex;
+
+// RecordsTrans: inserts, updates and removals of one table's records,
+// collected by master key and applied as one Table::process batch.
+//
+// Each record carries one pending action: insert (a new key), update (a key
+// the table has) or remove. Applying (execute(), or the destructor) hands
+// them to Table::process with the column range (columnCount, -1) taken when
+// the transaction was made, after asking the table's index named
+// "IndexLimit", if any, for the surplus records to remove as well.
+//
+// A transaction goes out of scope applied: call clear() first to abandon it.
+// Copies apply too, each its own containers. It takes no lock and opens no
+// batch: wrap it in a TableUpdater where indexes must see one batch.
+//
+// Keys inserted in this transaction stay known to later updaters (the
+// sorted list of pending inserts survives execute() and clear()).
+class DATABASE_EXPORT RecordsTrans
+{
+public:
+    enum Action { Insert = 2, Remove = 4, Update = 5 };
+
+    explicit RecordsTrans(Table *table);
+    // Applies the transaction. An exception from Table::process propagates,
+    // unless another exception is already unwinding the stack: then it is
+    // logged as a warning.
+    ~RecordsTrans() noexcept(false);
+    RecordsTrans(const RecordsTrans &) = default;
+    RecordsTrans &operator=(const RecordsTrans &) = default;
+
+    // The records of each action, in row-address order.
+    QList<Record> insertList() const;
+    QList<Record> updateList() const;
+    QList<Record> removeList() const;
+    bool isEmpty() const { return m_states.isEmpty(); }
+    // Forgets every action.
+    void clear() { m_states.clear(); }
+    void execute();
+
+private:
+    friend class RecordUpdater;
+    QList<Record> listOf(int action) const;
+
+    QMap<Record, int> m_states;
+    QList<Record> m_pending; // pending inserts, in master-index order
+    MasterIndex *m_master;
+    int m_firstColumn;
+    int m_lastColumn;
+};
+
+// RecordUpdater: the handle of one key in a transaction. It edits the
+// table's row with that key (an update), or a row already pending in the
+// transaction, or else makes `key` itself a pending insert: pass a new
+// record of the table (Record(table)) whose key columns are filled.
+// Writes through data() go straight into the row.
+class DATABASE_EXPORT RecordUpdater
+{
+public:
+    RecordUpdater(const Record &key, RecordsTrans &trans);
+
+    // Whether the key named a row already in the table.
+    bool isFound() const { return m_position != -1; }
+    Field data(int column) const { return m_record.data(column); }
+    Field data(const QString &name) const { return m_record.data(name); }
+    operator const Record &() const { return m_record; }
+    const Table *table() const { return m_record.table(); }
+    // Marks the row for removal; cancels a pending insert instead.
+    void remove();
+
+private:
+    Record m_record;
+    RecordsTrans *m_trans;
+    int m_position;
+};
+
+#endif // DATABASE_RECORDSTRANS_H
