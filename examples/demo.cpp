@@ -1,5 +1,6 @@
 // A tour of the library for a new client module: exact decimals, wall-clock
-// date-times and the 64-bit checksum.
+// date-times, a keyed table kept current through transactions with a sorted
+// index over it, and the 64-bit checksum.
 
 #include <database/database.h>
 
@@ -56,6 +57,73 @@ void datetimes()
     out() << "empty date-time prints as null: " << (datetime().toString().isNull() ? "yes" : "no") << "\n\n";
 }
 
+// Orders positions by quantity, largest first.
+class ByQuantity : public IndexSort
+{
+public:
+    explicit ByQuantity(Table *table) : IndexSort(table, true) { build(); }
+    int compare(const Record &a, const Record &b) const override
+    {
+        return b.data(2).compare(a.data(2));
+    }
+    QString getClassName() const override { return QStringLiteral("ByQuantity"); }
+};
+
+void upsert(Table &positions, RecordsTrans &trans, int account, const char *ticker, long long qty,
+            const char *price)
+{
+    Record key(&positions);
+    key.data("account") = account;
+    key.data("ticker") = QString::fromLatin1(ticker);
+    RecordUpdater row(key, trans);
+    row.data("qty") = qty;
+    row.data("price") = QString::fromLatin1(price);
+}
+
+void tables()
+{
+    out() << "== A keyed table ==\n";
+    Table positions(QStringLiteral("positions"));
+    positions.addColumn(QStringLiteral("account"), FieldType::Integer, 0, false);
+    positions.addColumn(QStringLiteral("ticker"), FieldType::String, 12, false);
+    positions.addColumn(QStringLiteral("qty"), FieldType::Integer64);
+    positions.addColumn(QStringLiteral("price"), FieldType::Decimal, 4);
+    MasterIndex_Fast::createMasterIndex(&positions, {QStringLiteral("account"), QStringLiteral("ticker")});
+    ByQuantity byQuantity(&positions);
+
+    {
+        TableUpdater batch(&positions);
+        RecordsTrans trans(&positions);
+        upsert(positions, trans, 7, "ABC", 100, "101.25");
+        upsert(positions, trans, 7, "XYZ", 40, "12.5");
+        upsert(positions, trans, 9, "ABC", 250, "101.3");
+    }
+    out() << positions.rowCount() << " rows after the first transaction\n";
+
+    {
+        TableUpdater batch(&positions);
+        RecordsTrans trans(&positions);
+        upsert(positions, trans, 7, "XYZ", 400, "12.75"); // an existing key: updated
+        Record gone(&positions);
+        gone.data("account") = 9;
+        gone.data("ticker") = QStringLiteral("ABC");
+        RecordUpdater(gone, trans).remove();
+    }
+    out() << "by quantity, largest first:\n";
+    for (const Record &row : byQuantity) {
+        out() << "  " << row.toString() << "  qty " << row.data("qty").toString() << "  price "
+              << row.data("price").toString() << "\n";
+    }
+    const Record found(&positions, QStringLiteral("7,ABC"));
+    out() << "lookup by key \"7,ABC\": qty " << found.data("qty").toInteger64() << "\n";
+    try {
+        found.data("qty").toDecimal();
+    } catch (const Exception &e) {
+        out() << "reading qty as a decimal: " << e.message << "\n";
+    }
+    out() << "\n";
+}
+
 void checksums()
 {
     out() << "== Checksum ==\n";
@@ -72,6 +140,7 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("demo"));
     decimals();
     datetimes();
+    tables();
     checksums();
     return 0;
 }

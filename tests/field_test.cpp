@@ -2,6 +2,7 @@
 
 #include <database/exception.h>
 #include <database/field.h>
+#include <database/fieldvalue.h>
 #include <database/table.h>
 
 #include <QtCore/QLocale>
@@ -122,6 +123,7 @@ TEST_F(FieldTest, TheWriterMatrix)
         {"bad text into Double", T::Double, [](Field &f) { f = QStringLiteral("1,5"); },
          Outcome::exception("Can't convert from '1,5'' to Double")},
         {"text into Decimal", T::Decimal, [](Field &f) { f = QStringLiteral("1.25"); }, Outcome::is("1.25")},
+        {"text rescaled into Decimal", T::Decimal, [](Field &f) { f = QStringLiteral("1.5"); }, Outcome::is("1.50")},
         {"comma text into Decimal", T::Decimal, [](Field &f) { f = QStringLiteral("1,5"); }, Outcome::string(m1)},
         {"text cut into String", T::String, [](Field &f) { f = QStringLiteral("abcdefg"); }, Outcome::is("abcde")},
         {"C string into String", T::String, [](Field &f) { f = "xyz"; }, Outcome::is("xyz")},
@@ -362,6 +364,10 @@ TEST_F(FieldTest, InPlaceArithmetic)
     dm = decimal(5, 2);
     m += dm;
     EXPECT_EQ(m.toString(), QStringLiteral("1.05"));
+    FieldValue fine(FieldType::Decimal, 3, true);
+    fine = QStringLiteral("0.005");
+    m += fine; // aligned to scale 3, stored at the column's 2
+    EXPECT_EQ(m.toString(), QStringLiteral("1.06"));
 
     Field t = field(FieldType::DateTime), dt = other.data(5);
     t = datetime(1000);

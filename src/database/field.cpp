@@ -488,7 +488,9 @@ Field &Field::operator=(const QString &value)
         break;
     }
     case FieldType::Decimal:
-        return *this = decimal(value);
+        // Text is a number like any other: stored at the column's scale.
+        FieldType::setDecimal(m_data, length(), decimal(value));
+        break;
     case FieldType::String:
         FieldType::setString(m_data, length(), value);
         break;
@@ -676,12 +678,12 @@ void accumulate(Field &field, const Field &other, int sign)
     }
     case FieldType::Decimal: {
         const decimal right(other.toString());
-        decimal left = field.isNull() ? decimal() : qAsConst(field).asDecimal();
+        decimal left = field.isNull() ? decimal() : field.toDecimal();
         if (sign > 0)
             left += right;
         else
             left -= right;
-        FieldType::setInt64(field.data(), left.to56s7());
+        FieldType::setDecimal(field.data(), field.length(), left);
         break;
     }
     case FieldType::DateTime: {

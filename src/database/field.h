@@ -42,9 +42,11 @@ class FieldValue;
 //   const char *   "List size exceed" (text with a 50th board list pair) and
 //                  "decimal:overflow" (a double too large for a Decimal column)
 //
-// Two Decimal paths stay apart on purpose: an int, long long or double is
-// stored at the column's scale, a decimal is stored as its packed word, with
-// its own scale.
+// Two Decimal paths stay apart on purpose: numbers and text are stored at
+// the column's scale, a decimal is stored as its packed word, with its own
+// scale (which reads back at the column's scale: 1.5 written as decimal(15, 1)
+// into a scale-2 column reads 0.15). Assignments from another Decimal field
+// and from a variant take the decimal path.
 class DATABASE_EXPORT Field
 {
 public:
