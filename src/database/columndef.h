@@ -6,6 +6,7 @@
 
 #include <QtCore/QString>
 
+class QDataStream;
 class Table;
 
 // A column's declaration: its type and length, its name (the key of the
@@ -47,6 +48,12 @@ public:
     // Places the column's null bit: number `index` in the area that starts
     // at `nullAreaOffset`.
     void update(unsigned long long nullAreaOffset, int index);
+
+    // The column record of a table file (see doc/table_format.md). read()
+    // overwrites the nine stored fields and leaves the table and the null-bit
+    // fields alone.
+    void write(QDataStream &stream) const;
+    void read(QDataStream &stream);
 
     Table *table;
     unsigned long long offset;

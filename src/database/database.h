@@ -19,7 +19,10 @@
 #include "masterindex.h"
 #include "masterindex_fast.h"
 #include "partitionlist.h"
+#include "qtiocompressor.h"
 #include "recordstrans.h"
+#include "settings.h"
 #include "table.h"
+#include "tableio.h"
 
 #endif // DATABASE_DATABASE_H

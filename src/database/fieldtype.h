@@ -45,7 +45,9 @@ static_assert(sizeof(boardlist) == 404, "boardlist is stored byte for byte");
 class DATABASE_EXPORT FieldType
 {
 public:
-    enum Type {
+    // A fixed underlying type: files may carry any code, and those must stay
+    // representable (they are refused as "Type is undefined.").
+    enum Type : int {
         Invalid = 0,
         Integer = 1,
         Integer64 = 2,

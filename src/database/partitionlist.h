@@ -166,6 +166,14 @@ public:
     bool isEmpty() const { return m_count == 0; }
     int partitionSize() const { return m_partitionSize; }
     int mergeThreshold() const { return m_mergeThreshold; }
+    // The elements the partitions have room for, all together.
+    long long capacity() const
+    {
+        long long total = 0;
+        for (int k = 1; k + 1 < m_partitions.size(); ++k)
+            total += m_partitions[k]->capacity;
+        return total;
+    }
     // The element counts of the partitions, in order: the layout.
     QVector<int> partitionCounts() const
     {

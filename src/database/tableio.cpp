@@ -1,0 +1,341 @@
+#include "tableio.h"
+
+#include "index.h"
+#include "masterindex.h"
+#include "qtiocompressor.h"
+#include "settings.h"
+#include "table.h"
+
+#include <QtCore/QDataStream>
+#include <QtCore/QDebug>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QScopeGuard>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+constexpr int BatchSize = 10240;
+// Rows made up after a stream has ended (see TableIO::read).
+constexpr qint64 MaxRowsPastEnd = 65536;
+
+void copyNullBit(Field &destination, const Field &source, const TableColumnDef &to, const TableColumnDef &from)
+{
+    unsigned char *target = destination.data() - to.offset + to.nullByteOffset;
+    const unsigned char *origin = source.data() - from.offset + from.nullByteOffset;
+    if ((*origin & from.nullMask) == from.nullMask)
+        *target |= to.nullMask;
+    else
+        *target = static_cast<unsigned char>((*target | to.nullMask) ^ to.nullMask);
+}
+
+// The stored column S is left out of a load that adds columns when its name
+// is empty, or when an entry with an empty key names it and no entry has S
+// as its key.
+bool dropped(const QString &stored, const TableIO::Convertors &convertors)
+{
+    if (stored.isEmpty())
+        return true;
+    bool marked = false;
+    for (auto it = convertors.cbegin(); it != convertors.cend(); ++it) {
+        if (it.key() == stored)
+            return false;
+        if (it.key().isEmpty() && it.value().first == stored)
+            marked = true;
+    }
+    return marked;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Column records
+
+void TableColumnDef::write(QDataStream &stream) const
+{
+    stream << name << title << description << static_cast<qint32>(length) << static_cast<qint8>(type)
+           << static_cast<qint32>(offset) << static_cast<qint32>(size) << nullable << secondFlag;
+}
+
+void TableColumnDef::read(QDataStream &stream)
+{
+    qint32 storedLength = 0, storedOffset = 0, storedSize = 0;
+    qint8 storedType = 0;
+    stream >> name >> title >> description >> storedLength >> storedType >> storedOffset >> storedSize >> nullable
+        >> secondFlag;
+    length = storedLength;
+    type = static_cast<FieldType::Type>(static_cast<qint32>(storedType));
+    offset = static_cast<unsigned long long>(static_cast<qint64>(storedOffset));
+    size = static_cast<unsigned long long>(static_cast<qint64>(storedSize));
+}
+
+// ---------------------------------------------------------------------------
+// Convertors
+
+FieldDefConvertor::~FieldDefConvertor() = default;
+
+void FieldDefConvertor::convert(Field &destination, const Field &source)
+{
+    destination = source;
+}
+
+void TableIO::FieldDefConvertor_Copy::convert(Field &destination, const Field &source)
+{
+    std::memcpy(destination.data(), source.data(), static_cast<size_t>(size));
+    copyNullBit(destination, source, *this->destination, *this->source);
+}
+
+void TableIO::FieldDefConvertor_Copy4::convert(Field &destination, const Field &source)
+{
+    std::memcpy(destination.data(), source.data(), 4);
+    copyNullBit(destination, source, *this->destination, *this->source);
+}
+
+void TableIO::FieldDefConvertor_Copy8::convert(Field &destination, const Field &source)
+{
+    std::memcpy(destination.data(), source.data(), 8);
+    copyNullBit(destination, source, *this->destination, *this->source);
+}
+
+void TableIO::make_fromDefs(QList<FieldDefConvertor *> &list, const Table *stored, const TableIO::Convertors &convertors)
+{
+    const QList<TableColumnDef *> live = m_table->fieldDefs();
+    const QList<TableColumnDef *> storedDefs = stored->fieldDefs();
+    for (TableColumnDef *column : live) {
+        bool translated = false;
+        for (auto it = convertors.cbegin(); it != convertors.cend(); ++it) {
+            if (it.key() != column->name)
+                continue;
+            translated = true;
+            const int from = stored->columnIndex(it.value().first);
+            FieldDefConvertor *convertor = it.value().second;
+            if (from == -1 || !convertor) {
+                QMessageLogger("src/database/tableio", 0, nullptr).warning("Column not found in translation.");
+                continue;
+            }
+            convertor->source = storedDefs.at(from);
+            convertor->destination = column;
+            list.append(convertor);
+        }
+        if (translated)
+            continue;
+
+        const int from = stored->columnIndex(column->name);
+        if (from == -1)
+            continue;
+        TableColumnDef *source = storedDefs.at(from);
+        FieldDefConvertor *convertor;
+        if (source->type == column->type && source->length == column->length && source->size == column->size
+            && source->nullable == column->nullable) {
+            FieldDefConvertor_Copy *copy = source->size == 4 ? new FieldDefConvertor_Copy4
+                : source->size == 8                          ? new FieldDefConvertor_Copy8
+                                                             : new FieldDefConvertor_Copy;
+            copy->size = source->size;
+            convertor = copy;
+        } else {
+            convertor = new FieldDefConvertor;
+        }
+        convertor->source = source;
+        convertor->destination = column;
+        list.append(convertor);
+    }
+}
+
+void TableIO::convertDefs(const QList<FieldDefConvertor *> &list, unsigned char *destination, unsigned char *source)
+{
+    for (FieldDefConvertor *convertor : list) {
+        Field to(convertor->destination, destination);
+        const Field from(convertor->source, source);
+        convertor->convert(to, from);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Streams
+
+QString TableIO::fileName(const QDir &dir) const
+{
+    return QFileInfo(dir, m_table->name()).filePath();
+}
+
+void TableIO::write(QDataStream &stream)
+{
+    write(stream, true);
+}
+
+void TableIO::write(QDataStream &stream, bool withRows)
+{
+    TableLocker locker(m_table);
+    const QList<TableColumnDef *> columns = m_table->fieldDefs();
+    stream << static_cast<qint16>(columns.size());
+    for (const TableColumnDef *column : columns)
+        column->write(stream);
+    const int recordLength = static_cast<int>(m_table->rowSize() - 4);
+    stream << static_cast<qint32>(m_table->rowCount()) << static_cast<qint32>(m_table->rowLength())
+           << static_cast<qint32>(recordLength);
+    if (!withRows)
+        return;
+    for (const Record &record : *m_table->masterIndex())
+        stream.writeRawData(reinterpret_cast<const char *>(record.rowPtr() + Table::base), recordLength);
+}
+
+void TableIO::read(QDataStream &stream)
+{
+    read(stream, false);
+}
+
+void TableIO::read(QDataStream &stream, bool addMissingColumns)
+{
+    read(stream, addMissingColumns, Convertors());
+}
+
+void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::Convertors &convertors)
+{
+    if (stream.atEnd())
+        return;
+    const QList<Index *> indexes = m_table->indexes();
+    QList<FieldDefConvertor *> list;
+    bool detached = false;
+    // Runs last, after the update bracket has closed, also when an exception
+    // unwinds: the convertors go, the indexes come back and are rebuilt.
+    auto finish = qScopeGuard([&] {
+        qDeleteAll(list);
+        if (!detached)
+            return;
+        m_table->setIndexes(indexes);
+        for (Index *index : m_table->indexes())
+            index->build();
+    });
+    TableUpdater updater(m_table);
+    m_table->clear();
+
+    qint16 columnCount = 0;
+    stream >> columnCount;
+    Table saved(QStringLiteral("saved"));
+    for (int i = 0; i < columnCount; ++i) {
+        TableColumnDef def(&saved);
+        def.read(stream);
+        saved.addColumn(def);
+    }
+    qint32 rowCount = 0, rowLength = 0, recordLength = 0;
+    stream >> rowCount >> rowLength >> recordLength;
+
+    if (addMissingColumns && columnCount > 0) {
+        for (const TableColumnDef *def : saved.fieldDefs()) {
+            if (m_table->columnIndex(def->name) != -1 || dropped(def->name, convertors))
+                continue;
+            m_table->addColumn(def->name, def->type, def->length, def->nullable, def->title, def->secondFlag,
+                               def->description);
+        }
+    }
+
+    make_fromDefs(list, &saved, convertors);
+
+    for (Index *index : indexes)
+        index->clear();
+    m_table->setIndexes(QList<Index *>());
+    detached = true;
+
+    // The buffer covers the stored layout whatever the record length says, so
+    // that no convertor reads past it; longer records are skipped past.
+    const qint64 layout = static_cast<qint64>(saved.rowSize()) - Table::base;
+    const qint64 record = qMax<qint64>(recordLength, 0);
+    std::vector<unsigned char> buffer(static_cast<size_t>(layout) + 1, 0);
+    const int readable = static_cast<int>(qMin(record, layout));
+    const int skipped = static_cast<int>(record - readable);
+
+    QList<Record> batch;
+    batch.reserve(BatchSize);
+    qint64 pastEnd = 0;
+    for (qint64 r = 0; r < rowCount; ++r) {
+        if (stream.atEnd() && ++pastEnd > MaxRowsPastEnd)
+            break;
+        // A short read leaves the rest of the buffer as it was.
+        if (readable > 0)
+            stream.readRawData(reinterpret_cast<char *>(buffer.data()), readable);
+        if (skipped > 0)
+            stream.skipRawData(skipped);
+        const Record row(m_table);
+        convertDefs(list, row.rowPtr() + Table::base, buffer.data());
+        if (batch.size() == BatchSize) {
+            m_table->appendList(batch);
+            batch.clear();
+        }
+        batch.append(row);
+    }
+    if (!batch.isEmpty())
+        m_table->appendList(batch);
+}
+
+// ---------------------------------------------------------------------------
+// Folders
+
+void TableIO::write(const QDir &dir)
+{
+    const QString path = fileName(dir);
+    const bool compressed = Settings(QStringLiteral("Database")).value(QStringLiteral("compressed"), false).toBool();
+    QFile file;
+    std::unique_ptr<QtIOCompressor> compressor;
+    QDataStream stream;
+    if (compressed) {
+        if (QFile::exists(path))
+            QFile::remove(path);
+        file.setFileName(path + QStringLiteral(".gz"));
+        compressor.reset(new QtIOCompressor(&file, 6, 65500));
+        compressor->setStreamFormat(QtIOCompressor::GzipFormat);
+        if (compressor->open(QIODevice::WriteOnly))
+            stream.setDevice(compressor.get());
+    } else {
+        if (QFile::exists(path + QStringLiteral(".gz")))
+            QFile::remove(path + QStringLiteral(".gz"));
+        file.setFileName(path);
+        if (file.open(QIODevice::WriteOnly))
+            stream.setDevice(&file);
+    }
+    if (stream.device())
+        write(stream, true);
+    stream.setDevice(nullptr);
+    compressor.reset();
+    file.close();
+}
+
+void TableIO::read(const QDir &dir, bool addMissingColumns)
+{
+    const QString path = fileName(dir);
+    QFile file(path);
+    std::unique_ptr<QtIOCompressor> compressor;
+    QDataStream stream;
+    if (file.open(QIODevice::ReadOnly)) {
+        stream.setDevice(&file);
+    } else {
+        file.setFileName(path + QStringLiteral(".gz"));
+        compressor.reset(new QtIOCompressor(&file, 6, 65500));
+        compressor->setStreamFormat(QtIOCompressor::GzipFormat);
+        if (compressor->open(QIODevice::ReadOnly))
+            stream.setDevice(compressor.get());
+    }
+    read(stream, addMissingColumns, Convertors());
+    stream.setDevice(nullptr);
+    compressor.reset();
+    file.close();
+}
+
+unsigned long long TableIO::memoryUsage(bool withRows, bool withRecords, bool withSpare) const
+{
+    const MasterIndex *master = m_table->masterIndex();
+    if (!master)
+        return 0;
+    const unsigned long long count = static_cast<unsigned long long>(master->count());
+    unsigned long long total = 0;
+    if (withRows)
+        total += count * master->table()->rowSize();
+    if (withRecords)
+        total += count * sizeof(Record);
+    if (withSpare)
+        total += sizeof(Record) * (static_cast<unsigned long long>(master->list().capacity()) - count);
+    return total;
+}

@@ -1,0 +1,194 @@
+#include "testutil.h"
+
+#include <database/qtiocompressor.h>
+
+#include <QtCore/QBuffer>
+#include <QtCore/QFile>
+#include <QtCore/QRandomGenerator>
+#include <QtCore/QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <zlib.h>
+
+struct QtIOCompressorTestAccess
+{
+    static bool checkGzipSupport(const char *version) { return QtIOCompressor::checkGzipSupport(version); }
+};
+
+namespace {
+
+QByteArray compress(const QByteArray &data, QtIOCompressor::StreamFormat format)
+{
+    QBuffer buffer;
+    QtIOCompressor compressor(&buffer);
+    compressor.setStreamFormat(format);
+    EXPECT_TRUE(compressor.open(QIODevice::WriteOnly));
+    EXPECT_EQ(compressor.write(data), data.size());
+    compressor.close();
+    return buffer.data();
+}
+
+QByteArray decompress(QByteArray compressed, QtIOCompressor::StreamFormat format)
+{
+    QBuffer buffer(&compressed);
+    QtIOCompressor compressor(&buffer, 6, 100); // a small buffer: many refills
+    compressor.setStreamFormat(format);
+    EXPECT_TRUE(compressor.open(QIODevice::ReadOnly));
+    return compressor.readAll();
+}
+
+// zlib by itself, with the window bits of each format.
+QByteArray inflateWithZlib(const QByteArray &compressed, int windowBits)
+{
+    z_stream stream{};
+    EXPECT_EQ(inflateInit2(&stream, windowBits), Z_OK);
+    QByteArray out(1 << 20, 0);
+    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(compressed.constData()));
+    stream.avail_in = static_cast<uInt>(compressed.size());
+    stream.next_out = reinterpret_cast<Bytef *>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+    out.resize(static_cast<int>(stream.total_out));
+    inflateEnd(&stream);
+    return out;
+}
+
+QByteArray deflateWithZlib(const QByteArray &data, int windowBits)
+{
+    z_stream stream{};
+    EXPECT_EQ(deflateInit2(&stream, 9, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    QByteArray out(static_cast<int>(deflateBound(&stream, static_cast<uLong>(data.size()))), 0);
+    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data.constData()));
+    stream.avail_in = static_cast<uInt>(data.size());
+    stream.next_out = reinterpret_cast<Bytef *>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    out.resize(static_cast<int>(stream.total_out));
+    deflateEnd(&stream);
+    return out;
+}
+
+QByteArray sample(int size)
+{
+    QByteArray data(size, Qt::Uninitialized);
+    QRandomGenerator random(size);
+    for (char &c : data)
+        c = static_cast<char>("abcdefgh"[random.bounded(8)]);
+    return data;
+}
+
+} // namespace
+
+TEST(QtIOCompressor, RoundTripsInEveryFormat)
+{
+    const QByteArray data = sample(200000);
+    for (const auto format : {QtIOCompressor::ZlibFormat, QtIOCompressor::GzipFormat, QtIOCompressor::RawZipFormat}) {
+        SCOPED_TRACE(format);
+        const QByteArray compressed = compress(data, format);
+        EXPECT_LT(compressed.size(), data.size() / 2);
+        EXPECT_EQ(decompress(compressed, format), data);
+    }
+}
+
+TEST(QtIOCompressor, StreamsAreOrdinaryZlibStreams)
+{
+    const QByteArray data = sample(70000);
+    EXPECT_EQ(inflateWithZlib(compress(data, QtIOCompressor::GzipFormat), 31), data);
+    EXPECT_EQ(inflateWithZlib(compress(data, QtIOCompressor::ZlibFormat), 15), data);
+    EXPECT_EQ(inflateWithZlib(compress(data, QtIOCompressor::RawZipFormat), -15), data);
+    EXPECT_EQ(decompress(deflateWithZlib(data, 31), QtIOCompressor::GzipFormat), data);
+    EXPECT_EQ(decompress(deflateWithZlib(data, 15), QtIOCompressor::ZlibFormat), data);
+}
+
+TEST(QtIOCompressor, ThreeBytesThroughAGzipFile)
+{
+    QTemporaryDir dir;
+    QFile file(dir.filePath(QStringLiteral("t.gz")));
+    {
+        QtIOCompressor compressor(&file);
+        compressor.setStreamFormat(QtIOCompressor::GzipFormat);
+        ASSERT_TRUE(compressor.open(QIODevice::WriteOnly));
+        EXPECT_FALSE(file.openMode() == QIODevice::NotOpen);
+        compressor.write("abc", 3);
+    } // the destructor finishes the stream and closes the file it opened
+    EXPECT_FALSE(file.isOpen());
+    QtIOCompressor reader(&file);
+    reader.setStreamFormat(QtIOCompressor::GzipFormat);
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+    char out[8];
+    EXPECT_EQ(reader.read(out, 8), 3);
+    EXPECT_EQ(QByteArray(out, 3), QByteArray("abc"));
+    EXPECT_EQ(reader.read(out, 8), 0);
+    EXPECT_EQ(reader.bytesAvailable(), 0);
+}
+
+TEST(QtIOCompressor, NothingWrittenMeansNoTrailer)
+{
+    QBuffer buffer;
+    QtIOCompressor compressor(&buffer);
+    compressor.setStreamFormat(QtIOCompressor::GzipFormat);
+    ASSERT_TRUE(compressor.open(QIODevice::WriteOnly));
+    compressor.close();
+    EXPECT_TRUE(buffer.data().isEmpty());
+}
+
+TEST(QtIOCompressor, OpenModesAreChecked)
+{
+    QBuffer buffer;
+    QtIOCompressor compressor(&buffer);
+    MessageCapture capture;
+    EXPECT_FALSE(compressor.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(compressor.open(QIODevice::WriteOnly));
+    EXPECT_FALSE(compressor.open(QIODevice::WriteOnly));
+    compressor.close();
+    QBuffer writeOnly;
+    writeOnly.open(QIODevice::WriteOnly);
+    QtIOCompressor reader(&writeOnly);
+    EXPECT_FALSE(reader.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(writeOnly.isOpen()); // not its device to close
+    EXPECT_EQ(capture.messages,
+              QStringList({"QtIOCompressor::open: QtIOCompressor can only be opened in the ReadOnly or WriteOnly modes",
+                           "QtIOCompressor::open: device already open",
+                           "QtIOCompressor::open: underlying device must be open in one of the ReadOnly or "
+                           "WriteOnly modes"}));
+
+    QFile missing(QStringLiteral("/nonexistent/dir/file"));
+    QtIOCompressor failing(&missing);
+    EXPECT_FALSE(failing.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(failing.errorString().startsWith(QStringLiteral("Error opening underlying device: ")));
+}
+
+TEST(QtIOCompressor, DamagedStreamsFailCleanly)
+{
+    QByteArray compressed = compress(sample(50000), QtIOCompressor::GzipFormat);
+    QByteArray corrupt = compressed;
+    for (int i = 20; i < corrupt.size(); i += 97)
+        corrupt[i] = static_cast<char>(corrupt[i] ^ 0x5A);
+    QBuffer buffer(&corrupt);
+    QtIOCompressor reader(&buffer);
+    reader.setStreamFormat(QtIOCompressor::GzipFormat);
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+    char out[4096];
+    qint64 result = 0;
+    while ((result = reader.read(out, sizeof out)) > 0) {
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_TRUE(reader.errorString().startsWith(QStringLiteral("Internal zlib error when decompressing: ")));
+
+    // A stream cut short ends the data early, without an error.
+    const QByteArray truncated = decompress(compressed.left(compressed.size() / 2), QtIOCompressor::GzipFormat);
+    EXPECT_LT(truncated.size(), 50000);
+    EXPECT_EQ(truncated, sample(50000).left(truncated.size()));
+}
+
+TEST(QtIOCompressor, GzipNeedsZlibOneTwo)
+{
+    EXPECT_TRUE(QtIOCompressor::isGzipSupported());
+    EXPECT_FALSE(QtIOCompressorTestAccess::checkGzipSupport("1.1.4"));
+    EXPECT_FALSE(QtIOCompressorTestAccess::checkGzipSupport("1.0"));
+    EXPECT_FALSE(QtIOCompressorTestAccess::checkGzipSupport("0.9"));
+    EXPECT_FALSE(QtIOCompressorTestAccess::checkGzipSupport("1."));
+    EXPECT_TRUE(QtIOCompressorTestAccess::checkGzipSupport("1.2.5"));
+    EXPECT_TRUE(QtIOCompressorTestAccess::checkGzipSupport("2.0"));
+}
