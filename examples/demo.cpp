@@ -5,6 +5,9 @@
 #include <database/database.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+#include <QtCore/QTemporaryDir>
 #include <QtCore/QTextStream>
 
 namespace {
@@ -116,6 +119,31 @@ void tables()
     }
     const Record found(&positions, QStringLiteral("7,ABC"));
     out() << "lookup by key \"7,ABC\": qty " << found.data("qty").toInteger64() << "\n";
+
+    // Save to a data folder, compressed, and load into a table of a newer
+    // layout: one more column, which the old rows leave null.
+    QTemporaryDir folder;
+    {
+        Settings settings(QStringLiteral("Database"));
+        settings.setValue(QStringLiteral("compressed"), true);
+    }
+    TableIO(&positions).write(QDir(folder.path()));
+    Settings(QStringLiteral("Database")).remove(QStringLiteral("compressed"));
+    out() << "saved to " << QDir(folder.path()).entryList(QDir::Files).join(QStringLiteral(", ")) << " ("
+          << QFileInfo(QDir(folder.path()), QStringLiteral("positions.gz")).size() << " bytes)\n";
+    Table reloaded(QStringLiteral("positions"));
+    reloaded.addColumn(QStringLiteral("account"), FieldType::Integer, 0, false);
+    reloaded.addColumn(QStringLiteral("ticker"), FieldType::String, 12, false);
+    reloaded.addColumn(QStringLiteral("currency"), FieldType::String, 3);
+    reloaded.addColumn(QStringLiteral("qty"), FieldType::Integer64);
+    reloaded.addColumn(QStringLiteral("price"), FieldType::Decimal, 4);
+    TableIO(&reloaded).read(QDir(folder.path()), false);
+    out() << "reloaded " << reloaded.rowCount() << " rows into the newer layout:\n";
+    for (const Record &row : *reloaded.masterIndex()) {
+        out() << "  " << row.data("account").toString() << " " << row.data("ticker").toString() << "  currency "
+              << (row.data("currency").isNull() ? QStringLiteral("null") : row.data("currency").toString())
+              << "  price " << row.data("price").toString() << "\n";
+    }
     try {
         found.data("qty").toDecimal();
     } catch (const Exception &e) {
@@ -138,6 +166,7 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("demo"));
+    registerJsonSettingsFormat(); // the host's job: the settings file is JSON
     decimals();
     datetimes();
     tables();

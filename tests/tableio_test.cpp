@@ -356,6 +356,32 @@ TEST(TableIO, FoldersPlainAndCompressed)
     Settings(QStringLiteral("Database")).remove(QStringLiteral("compressed"));
 }
 
+TEST(TableIO, StoredFilesStillRead)
+{
+    const QDir data(QStringLiteral(DATABASE_TEST_DATA));
+    for (const char *name : {"quotes", "quotes.gz"}) {
+        SCOPED_TRACE(name);
+        QFile file(data.filePath(QString::fromLatin1(name)));
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        QtIOCompressor compressor(&file);
+        compressor.setStreamFormat(QtIOCompressor::GzipFormat);
+        QDataStream stream(&file);
+        if (QByteArray(name).endsWith(".gz")) {
+            ASSERT_TRUE(compressor.open(QIODevice::ReadOnly));
+            stream.setDevice(&compressor);
+        }
+        Table table(QStringLiteral("quotes"));
+        table.addColumn(QStringLiteral("ticker"), FieldType::String, 6, false);
+        table.addColumn(QStringLiteral("volume"), FieldType::Double); // converted from Integer64
+        TableIO(&table).read(stream, true);
+        EXPECT_EQ(table.columnCount(), 4);
+        EXPECT_EQ(table.columnTitle(2), QStringLiteral("last"));
+        EXPECT_EQ(texts(table), QStringList({"ABC|1000|100.00|2024.03.05 10:00:00.000",
+                                             "XYZ|2000|101.25|2024.03.05 10:01:00.000",
+                                             "QRS|null|102.50|2024.03.05 10:02:00.000"}));
+    }
+}
+
 TEST(TableIO, TheDataFolderOfAPortableInstallation)
 {
     const QDir dir = Settings::dataDir(QStringLiteral("settings"));
