@@ -131,16 +131,6 @@ TEST(Datetime, Arithmetic)
     EXPECT_EQ((datetime(7) - datetime(3)).data(), 4);
 }
 
-TEST(Datetime, ComparisonIsOnTheStamp)
-{
-    const datetime a(1), b(2);
-    EXPECT_EQ(a.compare(b), -1);
-    EXPECT_EQ(b.compare(a), 1);
-    EXPECT_EQ(a.compare(datetime(1)), 0);
-    EXPECT_TRUE(a < b && a <= b && b > a && b >= a && a != b);
-    EXPECT_TRUE(a.isEqual(datetime(1)));
-}
-
 TEST(Datetime, FieldsAndFormats)
 {
     const datetime d(2024, 3, 5, 10, 11, 12, 345);

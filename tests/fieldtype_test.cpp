@@ -209,15 +209,3 @@ TEST(FieldType, HugeAndNegativeStringLengthsStayInTheBuffer)
     EXPECT_EQ(FieldType::getString(slot.ptr(), -1), QString());
     EXPECT_TRUE(slot.guardsIntact(8));
 }
-
-TEST(FieldType, FieldDefConstructors)
-{
-    EXPECT_EQ(FieldDef().type, FieldType::Integer);
-    EXPECT_EQ(FieldDef().length, 0);
-    EXPECT_EQ(FieldDef(FieldType::Double).type, FieldType::Double);
-    EXPECT_EQ(FieldDef(FieldType::Double).length, 0);
-    const FieldDef text(FieldType::String, 12);
-    const FieldDef copy(text);
-    EXPECT_EQ(copy.type, FieldType::String);
-    EXPECT_EQ(copy.length, 12);
-}

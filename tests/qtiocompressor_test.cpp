@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <zlib.h>
+#include "zlibutil.h"
 
 struct QtIOCompressorTestAccess
 {
@@ -36,37 +36,6 @@ QByteArray decompress(QByteArray compressed, QtIOCompressor::StreamFormat format
     compressor.setStreamFormat(format);
     EXPECT_TRUE(compressor.open(QIODevice::ReadOnly));
     return compressor.readAll();
-}
-
-// zlib by itself, with the window bits of each format.
-QByteArray inflateWithZlib(const QByteArray &compressed, int windowBits)
-{
-    z_stream stream{};
-    EXPECT_EQ(inflateInit2(&stream, windowBits), Z_OK);
-    QByteArray out(1 << 20, 0);
-    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(compressed.constData()));
-    stream.avail_in = static_cast<uInt>(compressed.size());
-    stream.next_out = reinterpret_cast<Bytef *>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
-    out.resize(static_cast<int>(stream.total_out));
-    inflateEnd(&stream);
-    return out;
-}
-
-QByteArray deflateWithZlib(const QByteArray &data, int windowBits)
-{
-    z_stream stream{};
-    EXPECT_EQ(deflateInit2(&stream, 9, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    QByteArray out(static_cast<int>(deflateBound(&stream, static_cast<uLong>(data.size()))), 0);
-    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(data.constData()));
-    stream.avail_in = static_cast<uInt>(data.size());
-    stream.next_out = reinterpret_cast<Bytef *>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
-    out.resize(static_cast<int>(stream.total_out));
-    deflateEnd(&stream);
-    return out;
 }
 
 QByteArray sample(int size)

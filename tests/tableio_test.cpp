@@ -17,7 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include <zlib.h>
+#include "zlibutil.h"
 
 namespace {
 
@@ -326,16 +326,7 @@ TEST(TableIO, FoldersPlainAndCompressed)
     QFile gz(gzPath);
     ASSERT_TRUE(gz.open(QIODevice::ReadOnly));
     const QByteArray packed = gz.readAll();
-    z_stream stream{};
-    ASSERT_EQ(inflateInit2(&stream, 31), Z_OK);
-    QByteArray raw(1 << 16, 0);
-    stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(packed.constData()));
-    stream.avail_in = static_cast<uInt>(packed.size());
-    stream.next_out = reinterpret_cast<Bytef *>(raw.data());
-    stream.avail_out = static_cast<uInt>(raw.size());
-    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
-    raw.resize(static_cast<int>(stream.total_out));
-    inflateEnd(&stream);
+    const QByteArray raw = inflateWithZlib(packed, 31);
     EXPECT_EQ(raw, save(table));
 
     // With both files present the plain one wins.

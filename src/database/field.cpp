@@ -203,31 +203,34 @@ datetime Field::toDatetime() const
     }
 }
 
+namespace {
+
+// A DateTime reader: the null result, the type check, then `read` of the stamp.
+template <typename Result, typename Read>
+Result readStamp(const Field &field, Read read)
+{
+    if (field.isNull())
+        return Result();
+    if (field.type() != FieldType::DateTime)
+        throw incorrectConversion();
+    return read(field.asDatetime());
+}
+
+} // namespace
+
 QDateTime Field::toQDateTime() const
 {
-    if (isNull())
-        return QDateTime();
-    if (type() != FieldType::DateTime)
-        throw incorrectConversion();
-    return asDatetime().getDateTime();
+    return readStamp<QDateTime>(*this, [](const datetime &d) { return d.getDateTime(); });
 }
 
 QDate Field::toQDate() const
 {
-    if (isNull())
-        return QDate();
-    if (type() != FieldType::DateTime)
-        throw incorrectConversion();
-    return asDatetime().getDate();
+    return readStamp<QDate>(*this, [](const datetime &d) { return d.getDate(); });
 }
 
 QTime Field::toQTime() const
 {
-    if (isNull())
-        return QTime();
-    if (type() != FieldType::DateTime)
-        throw incorrectConversion();
-    return asDatetime().getTime();
+    return readStamp<QTime>(*this, [](const datetime &d) { return d.getTime(); });
 }
 
 boardlist Field::toBoardlist() const
