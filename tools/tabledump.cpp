@@ -15,6 +15,7 @@
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
+    registerJsonSettingsFormat(); // as every host of the library does
     QTextStream out(stdout);
     QTextStream err(stderr);
     const QStringList args = QCoreApplication::arguments();
