@@ -87,16 +87,6 @@ TEST_F(IndexSortTest, SearchesOverEqualKeys)
     EXPECT_EQ(index.comparisons, 0);
 }
 
-TEST_F(IndexSortTest, EqualKeysStayInArrivalOrder)
-{
-    for (int id = 0; id < 9; ++id)
-        append(id % 3, id);
-    EXPECT_EQ(index.ids(), std::vector<int>({0, 3, 6, 1, 4, 7, 2, 5, 8}));
-    index.resort();
-    EXPECT_EQ(index.ids(), std::vector<int>({0, 3, 6, 1, 4, 7, 2, 5, 8}));
-    EXPECT_EQ(index.getClassName(), QStringLiteral("IntKeyIndex"));
-}
-
 TEST_F(IndexSortTest, BuildSortsStablyBelowAndAboveTheParallelThreshold)
 {
     table.removeIndex(&index);

@@ -86,13 +86,6 @@ TEST_F(MasterIndexTest, ProxyDelegatesToTheMasterOfItsBirth)
     delete proxy;
 }
 
-TEST_F(MasterIndexTest, RecordLookupByKeyUsesTheMaster)
-{
-    table.setMasterIndex(new MasterPtrIndex(&table));
-    makeRow(table, {1, 1}).append();
-    EXPECT_TRUE(Record(&table, QStringLiteral("1")).isNull()); // a blank probe matches no row
-}
-
 namespace {
 
 // Key columns: a (Integer), b (String 4), then c (Double) and d (Integer,
