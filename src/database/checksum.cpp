@@ -25,11 +25,16 @@ static_assert(table[1] == polynomial && table[255] == 0x9AFCE626CE85B507ULL, "CR
 
 unsigned long long qChecksum64(const char *data, unsigned int length)
 {
+    return qChecksum64Update(0, data, length);
+}
+
+unsigned long long qChecksum64Update(unsigned long long crc, const char *data, std::size_t length)
+{
     if (length == 0)
-        return 0;
+        return crc;
     const unsigned char *bytes = reinterpret_cast<const unsigned char *>(data);
-    unsigned long long crc = ~0ULL;
-    for (unsigned int i = 0; i < length; ++i)
+    crc = ~crc;
+    for (std::size_t i = 0; i < length; ++i)
         crc = table[(crc >> 56) ^ bytes[i]] ^ (crc << 8);
     return ~crc;
 }

@@ -1,7 +1,6 @@
 #include "indexsort.h"
 
 #include <QtConcurrent/QtConcurrentMap>
-#include <QtCore/QHash>
 
 #include <algorithm>
 #include <cmath>
@@ -420,6 +419,15 @@ QMap<Record, int> IndexSort::indexOfs(QList<Record> records) const
     return result;
 }
 
+QVector<int> IndexSort::searchMany(const QVector<Record> &keys) const
+{
+    QVector<int> positions;
+    positions.reserve(keys.size());
+    for (const Record &key : keys)
+        positions.append(search(key, -1));
+    return positions;
+}
+
 void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
                         const QList<Record> &inserted)
 {
@@ -434,11 +442,14 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
         changed.push_back(&record);
     const std::vector<RowPosition> positions = locate(*this, m_list, changed);
 
-    std::unordered_set<int> deleted;
+    // Positions to delete: those of the first passes, kept sorted, and the
+    // few that the re-check below adds.
+    std::vector<int> deletedFirst;
+    deletedFirst.reserve(changed.size());
     for (const Record &record : removed) {
         const int p = positionOf(positions, record);
         if (p != -1)
-            deleted.insert(p);
+            deletedFirst.push_back(p);
     }
 
     // Updated records, checked against their neighbours as they stand at the
@@ -455,54 +466,71 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
             actions[u] = accepted ? Add : Nothing;
         } else if (!accepted) {
             actions[u] = Delete;
-            deleted.insert(p);
+            deletedFirst.push_back(p);
         } else if ((p > 0 && compare(record, m_list.at(p - 1)) < 0)
                    || (p + 1 < n && compare(record, m_list.at(p + 1)) > 0)) {
             actions[u] = Move;
-            deleted.insert(p);
+            deletedFirst.push_back(p);
         } else {
             actions[u] = Stay;
         }
     }
+    std::sort(deletedFirst.begin(), deletedFirst.end());
+    deletedFirst.erase(std::unique(deletedFirst.begin(), deletedFirst.end()), deletedFirst.end());
+    std::unordered_set<int> deletedLater;
+    auto isDeleted = [&](int p) {
+        return std::binary_search(deletedFirst.begin(), deletedFirst.end(), p)
+            || (!deletedLater.empty() && deletedLater.count(p));
+    };
 
     // A staying record was checked against neighbours that may leave. Check
     // it again against its nearest neighbours that stay, and move it too when
     // it is out of order with them; that may in turn unsettle the records
     // next to it.
-    QHash<int, int> stayingAt; // position -> an updated entry staying there
-    std::vector<int> work;
+    struct Staying
+    {
+        int position;
+        int entry; // in `updated`
+        bool operator<(const Staying &o) const { return position < o.position; }
+    };
+    std::vector<Staying> staying; // by position; a row given twice has two entries
     for (int u = 0; u < updated.size(); ++u) {
         const int p = updatedPositions[u];
-        if (actions[u] == Stay && !deleted.count(p)) {
-            stayingAt.insert(p, u);
-            if (deleted.count(p - 1) || deleted.count(p + 1))
-                work.push_back(p);
-        }
+        if (actions[u] == Stay && !isDeleted(p))
+            staying.push_back({p, u});
     }
-    std::sort(work.begin(), work.end());
+    std::stable_sort(staying.begin(), staying.end());
+    auto stayingAt = [&](int p) {
+        return std::equal_range(staying.begin(), staying.end(), Staying{p, 0});
+    };
+    std::vector<int> work;
+    for (const Staying &s : staying) {
+        if ((work.empty() || work.back() != s.position) && (isDeleted(s.position - 1) || isDeleted(s.position + 1)))
+            work.push_back(s.position);
+    }
     std::reverse(work.begin(), work.end()); // popped from the back: left to right
     while (!work.empty()) {
         const int p = work.back();
         work.pop_back();
-        if (deleted.count(p) || !stayingAt.contains(p))
+        const auto here = stayingAt(p);
+        if (isDeleted(p) || here.first == here.second)
             continue;
-        const Record &record = updated[stayingAt.value(p)];
+        // The last entry of the row stands for it, as any would: they share it.
+        const Record &record = updated[(here.second - 1)->entry];
         int left = p - 1;
-        while (left >= 0 && deleted.count(left))
+        while (left >= 0 && isDeleted(left))
             --left;
         int right = p + 1;
-        while (right < n && deleted.count(right))
+        while (right < n && isDeleted(right))
             ++right;
         if ((left >= 0 && compare(record, m_list.at(left)) < 0)
             || (right < n && compare(record, m_list.at(right)) > 0)) {
-            deleted.insert(p);
-            for (int u = 0; u < updated.size(); ++u) {
-                if (updatedPositions[u] == p && actions[u] == Stay)
-                    actions[u] = Move;
-            }
-            if (left >= 0 && stayingAt.contains(left))
+            deletedLater.insert(p);
+            for (auto s = here.first; s != here.second; ++s)
+                actions[static_cast<size_t>(s->entry)] = Move;
+            if (left >= 0 && stayingAt(left).first != stayingAt(left).second)
                 work.push_back(left);
-            if (right < n && stayingAt.contains(right))
+            if (right < n && stayingAt(right).first != stayingAt(right).second)
                 work.push_back(right);
         }
     }
@@ -520,7 +548,8 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     }
 
     // One sweep deletes every range and compacts the partitions.
-    std::vector<int> sortedDeleted(deleted.begin(), deleted.end());
+    std::vector<int> sortedDeleted(deletedFirst);
+    sortedDeleted.insert(sortedDeleted.end(), deletedLater.begin(), deletedLater.end());
     std::sort(sortedDeleted.begin(), sortedDeleted.end());
     QVector<QPair<int, int>> ranges;
     for (const int p : sortedDeleted) {

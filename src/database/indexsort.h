@@ -5,6 +5,7 @@
 #include "indexlist.h"
 
 #include <QtCore/QMap>
+#include <QtCore/QVector>
 
 // IndexSort: the records of a table in the order of compare(), which each
 // subclass defines. Adjacent records satisfy compare(earlier, later) <= 0,
@@ -66,6 +67,9 @@ public:
 
     // Positions of many records at once (-1 for those not in the index).
     QMap<Record, int> indexOfs(QList<Record> records) const;
+    // search(key, -1) for each key, answered in the keys' order: the bulk
+    // form of a lookup, which overlaps the memory accesses of many searches.
+    QVector<int> searchMany(const QVector<Record> &keys) const;
 
 protected:
     // The insertion point of a new record: after every equal key.

@@ -5,7 +5,9 @@
 #include "table.h"
 
 #include <QtCore/QList>
-#include <QtCore/QMap>
+
+#include <memory>
+#include <vector>
 
 class MasterIndex;
 
@@ -24,6 +26,11 @@ class MasterIndex;
 //
 // Keys inserted in this transaction stay known to later updaters (the
 // sorted list of pending inserts survives execute() and clear()).
+//
+// Costs: an updater is a search in the master index plus, for a new key, a
+// search and an insertion in the pending list (O(log k) comparisons and a
+// bounded move); execute() sorts the k actions by row once. Nothing is
+// allocated per record beyond the containers' amortised growth.
 class DATABASE_EXPORT RecordsTrans
 {
 public:
@@ -34,24 +41,26 @@ public:
     // unless another exception is already unwinding the stack: then it is
     // logged as a warning.
     ~RecordsTrans() noexcept(false);
-    RecordsTrans(const RecordsTrans &) = default;
-    RecordsTrans &operator=(const RecordsTrans &) = default;
+    RecordsTrans(const RecordsTrans &other);
+    RecordsTrans &operator=(const RecordsTrans &other);
 
     // The records of each action, in row-address order.
     QList<Record> insertList() const;
     QList<Record> updateList() const;
     QList<Record> removeList() const;
-    bool isEmpty() const { return m_states.isEmpty(); }
+    bool isEmpty() const;
     // Forgets every action.
-    void clear() { m_states.clear(); }
+    void clear();
     void execute();
 
 private:
     friend class RecordUpdater;
+    class States;
+    class Pending;
     QList<Record> listOf(int action) const;
 
-    QMap<Record, int> m_states;
-    QList<Record> m_pending; // pending inserts, in master-index order
+    std::unique_ptr<States> m_states;   // the action of each record, by row
+    std::unique_ptr<Pending> m_pending; // pending inserts, in master-index order
     MasterIndex *m_master;
     int m_firstColumn;
     int m_lastColumn;

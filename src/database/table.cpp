@@ -498,6 +498,11 @@ void Table::appendList(const QList<Record> &records)
         index->process(none, none, -1, -1, records);
 }
 
+void Table::appendRecords(const QVector<Record> &records)
+{
+    appendList(QList<Record>(records.begin(), records.end()));
+}
+
 void Table::remove(const Record &record, int position)
 {
     Q_D(Table);

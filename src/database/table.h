@@ -10,6 +10,7 @@
 #include <QtCore/QObject>
 #include <QtCore/QScopedPointer>
 #include <QtCore/QString>
+#include <QtCore/QVector>
 #include <QtCore/QtGlobal>
 
 #include <functional>
@@ -250,6 +251,10 @@ public:
     // Changes (see the class comment for who hears what, in which order).
     void appendRow(unsigned char *row);
     void appendList(const QList<Record> &records);
+    // The same for a vector of new rows: the bulk form, which spares the
+    // heap node a QList allocates per record. Indexes hear it as from
+    // appendList.
+    void appendRecords(const QVector<Record> &records);
     void remove(const Record &record, int position = -1);
     void updated(const Record &record, int firstColumn, int lastColumn, int position);
     void updated(const Record &record, int position = -1);

@@ -1,0 +1,419 @@
+// The workloads on the library's public API, as a client would write them.
+
+#include "workload_database.h"
+
+#include <database/checksum.h>
+#include <database/indexsort.h>
+#include <database/masterindex_fast.h>
+#include <database/recordstrans.h>
+#include <database/table.h>
+#include <database/tableio.h>
+#include <database/qtiocompressor.h>
+
+#include <QtCore/QDataStream>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+
+namespace workload {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double since(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+enum Column { Key, Price, Qty, Symbol, Ts };
+
+class PriceIndex : public IndexSort
+{
+public:
+    explicit PriceIndex(Table *table) : IndexSort(table, true) {}
+    int compare(const Record &a, const Record &b) const override
+    {
+        const double x = a.data(Price).asDouble(), y = b.data(Price).asDouble();
+        return x < y ? -1 : (x > y ? 1 : 0);
+    }
+    QString getClassName() const override { return QStringLiteral("PriceIndex"); }
+};
+
+// The trades table: key (the master key), price, qty, symbol, ts; a sorted
+// index on price.
+struct Store
+{
+    Store()
+    {
+        table.addColumn(QStringLiteral("key"), FieldType::Integer64, 0, false);
+        table.addColumn(QStringLiteral("price"), FieldType::Double);
+        table.addColumn(QStringLiteral("qty"), FieldType::Integer);
+        table.addColumn(QStringLiteral("symbol"), FieldType::String, SymbolLength);
+        table.addColumn(QStringLiteral("ts"), FieldType::DateTime);
+        MasterIndex_Fast::createMasterIndex(&table, {QStringLiteral("key")});
+        price = std::make_unique<PriceIndex>(&table);
+    }
+    ~Store() { price.reset(); }
+
+    Table table{QStringLiteral("trades")};
+    std::unique_ptr<PriceIndex> price;
+};
+
+void setKey(const Record &record, std::int64_t key)
+{
+    Field field = record.data(Key);
+    FieldType::setInt64(field.data(), key);
+    field.clearNull();
+}
+
+void setPrice(const Record &record, double price)
+{
+    Field field = record.data(Price);
+    FieldType::setDouble(field.data(), price);
+    field.clearNull();
+}
+
+Record makeRow(const Table *table, const Row &row)
+{
+    const Record record(table);
+    setKey(record, row.key);
+    setPrice(record, row.price);
+    Field qty = record.data(Qty);
+    FieldType::setInt(qty.data(), row.qty);
+    qty.clearNull();
+    Field symbol = record.data(Symbol);
+    unsigned short units[SymbolLength];
+    for (int c = 0; c < SymbolLength; ++c)
+        units[c] = static_cast<unsigned char>(row.symbol[c]);
+    FieldType::setString(symbol.data(), SymbolLength, units, SymbolLength);
+    symbol.clearNull();
+    Field ts = record.data(Ts);
+    FieldType::setDatetime(ts.data(), datetime(row.ts));
+    ts.clearNull();
+    return record;
+}
+
+std::vector<Row> drawRows(RowSource &source, int n)
+{
+    std::vector<Row> rows(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i)
+        rows[static_cast<size_t>(i)] = source.row(static_cast<std::uint64_t>(i));
+    return rows;
+}
+
+void fillBatch(Store &store, const std::vector<Row> &rows)
+{
+    QVector<Record> records;
+    records.reserve(static_cast<int>(rows.size()));
+    for (const Row &row : rows)
+        records.append(makeRow(&store.table, row));
+    TableUpdater updater(&store.table);
+    store.table.appendRecords(records);
+}
+
+// A store holding the n first rows, built before timing starts; with
+// `updated`, as W2 leaves them.
+std::unique_ptr<Store> filledStore(int n, bool updated = false)
+{
+    RowSource source;
+    auto store = std::make_unique<Store>();
+    fillBatch(*store, updated ? updatedRows(n) : drawRows(source, n));
+    return store;
+}
+
+Record find(Store &store, const Record &probe, std::int64_t key)
+{
+    setKey(probe, key);
+    MasterIndex *master = store.table.masterIndex();
+    const int position = master->search(probe, -1);
+    return position == -1 ? Record() : master->at(position);
+}
+
+Digest digest(Store &store)
+{
+    Digest d;
+    for (const Record &record : *store.table.masterIndex())
+        d.add(FieldType::getInt64(record.data(Key).data()), FieldType::getDouble(record.data(Price).data()));
+    return d;
+}
+
+Result w1(int n, bool batch)
+{
+    RowSource source;
+    const std::vector<Row> rows = drawRows(source, n);
+    const double before = residentBytes();
+    Store store;
+    const auto start = Clock::now();
+    if (batch) {
+        fillBatch(store, rows);
+    } else {
+        for (const Row &row : rows) {
+            const Record record = makeRow(&store.table, row);
+            TableUpdater updater(&store.table);
+            record.append();
+        }
+    }
+    Result result{since(start), static_cast<double>(n), std::to_string(store.table.rowCount())};
+    result.bytesPerRow = (residentBytes() - before) / n;
+    return result;
+}
+
+Result w2(int n, bool batch)
+{
+    auto store = filledStore(n);
+    const std::vector<Update> changes = updates(n);
+    const Record probe(&store->table);
+    const auto start = Clock::now();
+    if (batch) {
+        TableUpdater updater(&store->table);
+        RecordsTrans trans(&store->table);
+        for (const Update &u : changes) {
+            setKey(probe, u.key);
+            RecordUpdater row(probe, trans);
+            setPrice(row, u.price);
+        }
+        if (getenv("SPLIT")) fprintf(stderr, "updaters %.3f\n", since(start));
+        trans.execute();
+        if (getenv("SPLIT")) fprintf(stderr, "execute %.3f\n", since(start));
+    } else {
+        for (const Update &u : changes) {
+            const Record record = find(*store, probe, u.key);
+            TableUpdater updater(&store->table);
+            const Table::UpdateKeeper keeper = store->table.buildKeeper(record);
+            setPrice(record, u.price);
+            store->table.updated(record, keeper, Price, Price);
+        }
+    }
+    const double seconds = since(start);
+    return {seconds, static_cast<double>(n), digest(*store).text()};
+}
+
+Result w3(int n, bool batch)
+{
+    auto store = filledStore(n, true);
+    const std::vector<std::int64_t> keys = lookups(n);
+    const Record probe(&store->table);
+    double sum = 0;
+    const auto start = Clock::now();
+    if (batch) {
+        // All keys at once: one search per key, in key order.
+        QVector<Record> probes;
+        probes.reserve(n);
+        for (const std::int64_t key : keys) {
+            const Record p(&store->table);
+            setKey(p, key);
+            probes.append(p);
+        }
+        const QVector<int> positions = store->table.masterIndex()->searchMany(probes);
+        MasterIndex *master = store->table.masterIndex();
+        for (const int position : positions)
+            sum += FieldType::getDouble(master->at(position).data(Price).data());
+    } else {
+        TableLocker locker(&store->table);
+        for (const std::int64_t key : keys)
+            sum += FieldType::getDouble(find(*store, probe, key).data(Price).data());
+    }
+    const double seconds = since(start);
+    char check[64];
+    std::snprintf(check, sizeof check, "%.2f", sum);
+    return {seconds, static_cast<double>(n), check};
+}
+
+Result w4(int n, bool batch)
+{
+    auto store = filledStore(n, true);
+    RowSource source;
+    for (int i = 0; i < n; ++i)
+        source.row(static_cast<std::uint64_t>(i)); // the rows stream goes on after the table's rows
+    std::vector<Row> inserted;
+    const std::vector<std::vector<Change>> all = batches(n, source, inserted);
+    const Record probe(&store->table);
+    Table &table = store->table;
+    const auto start = Clock::now();
+    size_t next = 0;
+    for (const std::vector<Change> &changes : all) {
+        if (batch) {
+            TableUpdater updater(&table);
+            RecordsTrans trans(&table);
+            for (const Change &change : changes) {
+                switch (change.kind) {
+                case Change::Update: {
+                    setKey(probe, change.key);
+                    RecordUpdater row(probe, trans);
+                    setPrice(row, change.price);
+                    break;
+                }
+                case Change::Insert: {
+                    const Record record = makeRow(&table, inserted[next++]);
+                    RecordUpdater row(record, trans);
+                    break;
+                }
+                case Change::Remove: {
+                    setKey(probe, change.key);
+                    RecordUpdater(probe, trans).remove();
+                    break;
+                }
+                }
+            }
+        } else {
+            for (const Change &change : changes) {
+                switch (change.kind) {
+                case Change::Update: {
+                    const Record record = find(*store, probe, change.key);
+                    TableUpdater updater(&table);
+                    const Table::UpdateKeeper keeper = table.buildKeeper(record);
+                    setPrice(record, change.price);
+                    table.updated(record, keeper, Price, Price);
+                    break;
+                }
+                case Change::Insert: {
+                    const Record record = makeRow(&table, inserted[next++]);
+                    TableUpdater updater(&table);
+                    record.append();
+                    break;
+                }
+                case Change::Remove: {
+                    const Record record = find(*store, probe, change.key);
+                    TableUpdater updater(&table);
+                    record.remove();
+                    break;
+                }
+                }
+            }
+        }
+    }
+    const double seconds = since(start);
+    return {seconds, static_cast<double>(BatchCount) * (BatchUpdates + BatchInserts + BatchRemovals),
+            digest(*store).text()};
+}
+
+Result w5(int n, bool scrambled)
+{
+    auto store = filledStore(n);
+    if (scrambled) {
+        // New prices written into the rows without telling the index.
+        const std::vector<Update> changes = updates(n);
+        size_t i = 0;
+        for (const Record &record : *store->price)
+            FieldType::setDouble(record.data(Price).data(), changes[i++].price);
+    }
+    const auto start = Clock::now();
+    store->price->resort();
+    const double seconds = since(start);
+    // The first and last prices, and the digest in index order.
+    std::uint64_t order = 0;
+    for (const Record &record : *store->price)
+        order = order * 1000003 + static_cast<std::uint64_t>(FieldType::getInt64(record.data(Key).data()));
+    char check[64];
+    std::snprintf(check, sizeof check, "%016" PRIx64, order);
+    return {seconds, static_cast<double>(n), check};
+}
+
+std::unique_ptr<QIODevice> openFile(const QString &path, QIODevice::OpenMode mode, bool gzip, QFile &file)
+{
+    file.setFileName(path);
+    if (!gzip) {
+        file.open(mode);
+        return nullptr;
+    }
+    auto compressor = std::make_unique<QtIOCompressor>(&file, 6, 65500);
+    compressor->setStreamFormat(QtIOCompressor::GzipFormat);
+    compressor->open(mode);
+    return compressor;
+}
+
+Result w6(int n, bool gzip, bool save)
+{
+    auto store = filledStore(n);
+    const QString folder = QString::fromStdString(scratchFolder());
+    const QString path = folder + (gzip ? QStringLiteral("/trades.gz") : QStringLiteral("/trades"));
+    Result result;
+    {
+        const auto start = Clock::now();
+        QFile file;
+        auto compressor = openFile(path, QIODevice::WriteOnly, gzip, file);
+        QDataStream stream(compressor ? static_cast<QIODevice *>(compressor.get()) : &file);
+        TableIO(&store->table).write(stream);
+        stream.setDevice(nullptr);
+        compressor.reset();
+        file.close();
+        if (save)
+            result.seconds = since(start);
+    }
+    const qint64 bytes = QFileInfo(path).size();
+    if (!save) {
+        store.reset();
+        Store loaded;
+        const auto start = Clock::now();
+        QFile file;
+        auto compressor = openFile(path, QIODevice::ReadOnly, gzip, file);
+        QDataStream stream(compressor ? static_cast<QIODevice *>(compressor.get()) : &file);
+        TableIO(&loaded.table).read(stream);
+        result.seconds = since(start);
+        Digest d;
+        for (const Record &record : *loaded.price)
+            d.add(FieldType::getInt64(record.data(Key).data()), FieldType::getDouble(record.data(Price).data()));
+        result.check = d.text();
+    } else {
+        result.check = std::to_string(bytes);
+    }
+    QDir(folder).removeRecursively();
+    result.items = static_cast<double>(n);
+    return result;
+}
+
+} // namespace
+
+std::vector<std::uint64_t> checksumInput()
+{
+    SplitMix64 random(Bytes);
+    std::vector<std::uint64_t> words((256u << 20) / 8);
+    for (std::uint64_t &w : words)
+        w = random.next();
+    return words;
+}
+
+Result checksumRun(const std::function<std::uint64_t(const char *, std::size_t)> &crc)
+{
+    const std::vector<std::uint64_t> words = checksumInput();
+    const char *bytes = reinterpret_cast<const char *>(words.data());
+    const std::size_t size = words.size() * 8;
+    const auto start = Clock::now();
+    const std::uint64_t value = crc(bytes, size);
+    const double seconds = since(start);
+    char check[32];
+    std::snprintf(check, sizeof check, "%016" PRIx64, value);
+    return {seconds, static_cast<double>(size), check};
+}
+
+std::vector<Entry> databaseEntries()
+{
+    return {
+        {"W1", "database batch", "rows", [](int n) { return w1(n, true); }},
+        {"W1", "database row", "rows", [](int n) { return w1(n, false); }},
+        {"W2", "database batch", "updates", [](int n) { return w2(n, true); }},
+        {"W2", "database row", "updates", [](int n) { return w2(n, false); }},
+        {"W3", "database batch", "lookups", [](int n) { return w3(n, true); }},
+        {"W3", "database row", "lookups", [](int n) { return w3(n, false); }},
+        {"W4", "database batch", "changes", [](int n) { return w4(n, true); }},
+        {"W4", "database row", "changes", [](int n) { return w4(n, false); }},
+        {"W5", "database", "rows", [](int n) { return w5(n, false); }},
+        {"W5-random", "database", "rows", [](int n) { return w5(n, true); }},
+        {"W6-save", "database", "rows", [](int n) { return w6(n, false, true); }},
+        {"W6-load", "database", "rows", [](int n) { return w6(n, false, false); }},
+        {"W6-save", "database gz", "rows", [](int n) { return w6(n, true, true); }},
+        {"W6-load", "database gz", "rows", [](int n) { return w6(n, true, false); }},
+        {"W7", "database", "bytes",
+         [](int) {
+             return checksumRun([](const char *data, std::size_t size) { return qChecksum64Update(0, data, size); });
+         }},
+    };
+}
+
+} // namespace workload
