@@ -1,5 +1,7 @@
 #include "indexsort.h"
 
+#include "recordsort_p.h"
+
 #include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
@@ -124,46 +126,8 @@ void mergeSort(Iterator first, Iterator last, int n, const Less &less)
     mergeWithoutBuffer(first, middle, last, half, n - half, less);
 }
 
-struct SortTask
-{
-    Iterator first;
-    Iterator last;
-    int n;
-};
-
-struct MergeTask
-{
-    Iterator first;
-    Iterator middle;
-    Iterator last;
-    int n1;
-    int n2;
-};
-
-// Stable merge sort of a vector with a buffer: a record goes after the equal
-// records that came before it, as binary insertion after equal keys does.
-void stableSort(std::vector<Record> &records, const IndexSort &index)
-{
-    std::vector<Record> buffer(records.size());
-    for (size_t width = 1; width < records.size(); width *= 2) {
-        for (size_t start = 0; start < records.size(); start += 2 * width) {
-            const size_t middle = std::min(start + width, records.size());
-            const size_t end = std::min(start + 2 * width, records.size());
-            size_t left = start, right = middle, out = start;
-            while (left < middle && right < end) {
-                if (index.compare(records[left], records[right]) <= 0)
-                    buffer[out++] = std::move(records[left++]);
-                else
-                    buffer[out++] = std::move(records[right++]);
-            }
-            while (left < middle)
-                buffer[out++] = std::move(records[left++]);
-            while (right < end)
-                buffer[out++] = std::move(records[right++]);
-        }
-        records.swap(buffer);
-    }
-}
+// Batches with at least this many additions sort them on the worker pool.
+constexpr size_t ParallelSortFrom = 32768;
 
 } // namespace
 
@@ -562,7 +526,9 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
 
     if (additions.empty())
         return;
-    stableSort(additions, *this);
+    // Large batches sort on the worker pool too, as resort() does.
+    recordsort::stableSort({{additions.data(), static_cast<int>(additions.size())}}, LessThan{this},
+                           additions.size() >= ParallelSortFrom);
 
     // Additions that share an insertion point go in together as one block;
     // the search cursor only moves forward. The points are found in the list
@@ -604,30 +570,11 @@ void IndexSort::resort()
         return;
     }
 
-    // Eight blocks sorted at once, then merged pairwise in three rounds.
-    Iterator b[9];
-    int at[9];
-    for (int k = 0; k < 9; ++k) {
-        at[k] = static_cast<int>(static_cast<long long>(n) * k / 8);
-        b[k] = m_list.iteratorAt<false>(at[k]);
-    }
-    QVector<SortTask> sorts;
-    for (int k = 0; k < 8; ++k)
-        sorts.append({b[k], b[k + 1], at[k + 1] - at[k]});
-    QtConcurrent::blockingMap(sorts, [&less](const SortTask &t) { mergeSort(t.first, t.last, t.n, less); });
-
-    auto mergeRound = [&](std::initializer_list<int> triples) {
-        QVector<MergeTask> merges;
-        const int *k = triples.begin();
-        for (; k != triples.end(); k += 3)
-            merges.append({b[k[0]], b[k[1]], b[k[2]], at[k[1]] - at[k[0]], at[k[2]] - at[k[1]]});
-        QtConcurrent::blockingMap(merges, [&less](const MergeTask &t) {
-            mergeWithoutBuffer(t.first, t.middle, t.last, t.n1, t.n2, less);
-        });
-    };
-    // Sorting moves elements but not partitions: the boundary iterators stay
-    // valid throughout.
-    mergeRound({0, 1, 2, 2, 3, 4, 4, 5, 6, 6, 7, 8});
-    mergeRound({0, 2, 4, 4, 6, 8});
-    mergeWithoutBuffer(b[0], b[4], b[8], at[4], at[8] - at[4], less);
+    // Large lists: runs inside partitions sorted and merged on the worker
+    // pool through a buffer of at most half the handles. A stable sort has
+    // one result, so the order is the one of the eight-block merge.
+    std::vector<recordsort::Segment> segments;
+    for (const auto &segment : m_list.segments())
+        segments.push_back({segment.first, segment.count});
+    recordsort::stableSort(segments, less, true);
 }

@@ -183,6 +183,23 @@ public:
         return counts;
     }
 
+    // The partitions' element arrays, in order: (first element, count). For
+    // algorithms that work on contiguous runs (sorting); the layout must not
+    // change while they are in use.
+    struct Segment
+    {
+        T *first;
+        int count;
+    };
+    std::vector<Segment> segments()
+    {
+        std::vector<Segment> result;
+        result.reserve(static_cast<size_t>(m_partitions.size()));
+        for (int k = 1; k + 1 < m_partitions.size(); ++k)
+            result.push_back({m_partitions[k]->first, m_partitions[k]->count});
+        return result;
+    }
+
     // The i-th element; a shared empty element when i is out of range.
     const T &at(int i) const
     {

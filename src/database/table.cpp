@@ -152,6 +152,7 @@ Table::~Table()
     d->masterIndex = nullptr;
     qDeleteAll(d->columns);
     d->columns.clear();
+    m_columnDefs = nullptr;
 }
 
 QString Table::name() const
@@ -260,6 +261,7 @@ void Table::addColumn(const TableColumnDef &def)
 
     d->cacheColumn(def.name);
     d->columns.append(column.take());
+    m_columnDefs = &d->columns.at(0); // pointers are stored in place, contiguously
     d->rowLength += d->columns.last()->size;
     d->rowSize = newRowSize;
     for (int k = 0; k < d->columns.size(); ++k)
@@ -387,11 +389,6 @@ void Table::setNullPtr(unsigned char *nullArea, int column, bool isNull)
         nullArea[column / 8] &= static_cast<unsigned char>(~mask);
     else
         nullArea[column / 8] |= mask;
-}
-
-Field Table::dataPtr(unsigned char *row, int column) const
-{
-    return Field(d_func()->columns.at(column), row + base);
 }
 
 // ---------------------------------------------------------------------------

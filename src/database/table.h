@@ -290,11 +290,17 @@ protected:
     void lock();
     void unlock();
     void setIndexes(const QList<Index *> &indexes);
-    Field dataPtr(unsigned char *row, int column) const;
+    Field dataPtr(unsigned char *row, int column) const
+    {
+        return Field(m_columnDefs[column], row + base);
+    }
 
 private:
     Q_DECLARE_PRIVATE(Table)
     QScopedPointer<TablePrivate> d_ptr;
+    // The column definitions' array, kept beside the private data so that
+    // field access (every comparison of every index) stays inline.
+    TableColumnDef *const *m_columnDefs = nullptr;
 };
 
 inline Field Record::data(int column) const
