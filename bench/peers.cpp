@@ -366,6 +366,17 @@ Result sqliteW4(int n)
     return result;
 }
 
+long long fileSize(const std::string &path)
+{
+    FILE *file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return -1;
+    std::fseek(file, 0, SEEK_END);
+    const long long size = std::ftell(file);
+    std::fclose(file);
+    return size;
+}
+
 // Saves to or loads from a file through the backup API: the nearest SQLite
 // has to the library's table files.
 Result sqliteW6(int n, bool save)
@@ -419,10 +430,17 @@ Result fileW6(int n, bool gzip, bool save)
     const std::vector<Row> rows = drawRows(n);
     // Rows as separate blocks, as a store keeps them.
     std::vector<std::unique_ptr<unsigned char[]>> blocks;
+    // The same bytes as the library's records: the slots, then the null bits.
     for (const Row &row : rows) {
         blocks.emplace_back(new unsigned char[RecordLength]());
-        std::memcpy(blocks.back().get(), &row.key, 8);
-        std::memcpy(blocks.back().get() + 8, &row.price, 8);
+        unsigned char *b = blocks.back().get();
+        std::memcpy(b, &row.key, 8);
+        std::memcpy(b + 8, &row.price, 8);
+        std::memcpy(b + 16, &row.qty, 4);
+        for (int c = 0; c < SymbolLength; ++c)
+            b[20 + 2 * c] = static_cast<unsigned char>(row.symbol[c]);
+        std::memcpy(b + 20 + 2 * SymbolLength, &row.ts, 8);
+        b[RecordLength - 1] = 0x1F;
     }
     Result result;
     {
@@ -462,10 +480,10 @@ Result fileW6(int n, bool gzip, bool save)
         }
         result.seconds = since(start);
     }
+    result.check = std::to_string(fileSize(path));
     std::remove(path.c_str());
     std::remove(folder.c_str());
     result.items = n;
-    result.check = "-";
     return result;
 }
 

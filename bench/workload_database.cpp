@@ -202,18 +202,22 @@ Result w3(int n, bool batch)
     double sum = 0;
     const auto start = Clock::now();
     if (batch) {
-        // All keys at once: one search per key, in key order.
+        // Many keys per call, through a reused set of probe records.
+        constexpr int Chunk = 4096;
         QVector<Record> probes;
-        probes.reserve(n);
-        for (const std::int64_t key : keys) {
-            const Record p(&store->table);
-            setKey(p, key);
-            probes.append(p);
-        }
-        const QVector<int> positions = store->table.masterIndex()->searchMany(probes);
+        for (int i = 0; i < Chunk; ++i)
+            probes.append(Record(&store->table));
         MasterIndex *master = store->table.masterIndex();
-        for (const int position : positions)
-            sum += FieldType::getDouble(master->at(position).data(Price).data());
+        TableLocker locker(&store->table);
+        for (size_t first = 0; first < keys.size(); first += Chunk) {
+            const int size = static_cast<int>(std::min<size_t>(Chunk, keys.size() - first));
+            if (size < Chunk)
+                probes.resize(size);
+            for (int i = 0; i < size; ++i)
+                setKey(probes[i], keys[first + static_cast<size_t>(i)]);
+            for (const int position : master->searchMany(probes))
+                sum += FieldType::getDouble(master->at(position).data(Price).data());
+        }
     } else {
         TableLocker locker(&store->table);
         for (const std::int64_t key : keys)

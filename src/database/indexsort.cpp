@@ -174,9 +174,11 @@ int IndexSort::searchEqual(const Record &key, int after, bool last) const
     if (lo >= hi)
         return -1;
     int found = -1;
+    PartitionList<Record>::Reader reader(m_list);
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
-        const int c = compare(m_list.at(mid), key);
+        const Record &element = reader.at(mid);
+        const int c = compare(element, key);
         if (c == 0)
             found = mid;
         // An equal key narrows towards the first or the last of the run.
@@ -202,9 +204,10 @@ int IndexSort::indexOfAdd(const Record &record) const
 {
     int lo = 0;
     int hi = m_list.count();
+    PartitionList<Record>::Reader reader(m_list);
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
-        if (compare(m_list.at(mid), record) <= 0)
+        if (compare(reader.at(mid), record) <= 0)
             lo = mid + 1;
         else
             hi = mid;
@@ -216,9 +219,10 @@ int IndexSort::indexOf(const Record &record) const
 {
     int lo = 0;
     int hi = m_list.count();
+    PartitionList<Record>::Reader reader(m_list);
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
-        if (compare(m_list.at(mid), record) < 0)
+        if (compare(reader.at(mid), record) < 0)
             lo = mid + 1;
         else
             hi = mid;
@@ -301,9 +305,10 @@ std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Reco
         }
         int lo = 0;
         int hi = n;
+        PartitionList<Record>::Reader reader(list);
         while (lo < hi) {
             const int mid = lo + (hi - lo) / 2;
-            if (index.compare(list.at(mid), *record) < 0)
+            if (index.compare(reader.at(mid), *record) < 0)
                 lo = mid + 1;
             else
                 hi = mid;
@@ -385,11 +390,56 @@ QMap<Record, int> IndexSort::indexOfs(QList<Record> records) const
 
 QVector<int> IndexSort::searchMany(const QVector<Record> &keys) const
 {
-    QVector<int> positions;
-    positions.reserve(keys.size());
-    for (const Record &key : keys)
-        positions.append(search(key, -1));
-    return positions;
+    // The searches of a group advance in lock step, one probe each per
+    // round: the handles of a round are prefetched, then their rows, then
+    // compared, so the cache misses of the group overlap instead of queueing.
+    // Each search takes exactly the probes of search(key, -1).
+    constexpr int Group = 32;
+    const int n = m_list.count();
+    QVector<int> result(keys.size(), -1);
+    if (n == 0)
+        return result;
+    for (int first = 0; first < keys.size(); first += Group) {
+        const int size = std::min(Group, keys.size() - first);
+        int lo[Group];
+        int hi[Group];
+        int found[Group];
+        const Record *probe[Group];
+        for (int g = 0; g < size; ++g) {
+            lo[g] = 0;
+            hi[g] = n;
+            found[g] = -1;
+        }
+        for (bool active = true; active;) {
+            for (int g = 0; g < size; ++g) {
+                if (lo[g] < hi[g]) {
+                    probe[g] = &m_list.at(lo[g] + (hi[g] - lo[g]) / 2);
+                    __builtin_prefetch(probe[g]);
+                }
+            }
+            for (int g = 0; g < size; ++g) {
+                if (lo[g] < hi[g])
+                    __builtin_prefetch(probe[g]->rowPtr());
+            }
+            active = false;
+            for (int g = 0; g < size; ++g) {
+                if (lo[g] >= hi[g])
+                    continue;
+                const int mid = lo[g] + (hi[g] - lo[g]) / 2;
+                const int c = compare(*probe[g], keys[first + g]);
+                if (c == 0)
+                    found[g] = mid;
+                if (c >= 0)
+                    hi[g] = mid;
+                else
+                    lo[g] = mid + 1;
+                active = active || lo[g] < hi[g];
+            }
+        }
+        for (int g = 0; g < size; ++g)
+            result[first + g] = found[g];
+    }
+    return result;
 }
 
 void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
@@ -537,12 +587,13 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     std::vector<int> sizes;
     int cursor = 0;
     int before = 0;
+    PartitionList<Record>::Reader reader(m_list);
     for (size_t a = 0; a < additions.size(); ++a) {
         int lo = cursor;
         int hi = m_list.count();
         while (lo < hi) {
             const int mid = lo + (hi - lo) / 2;
-            if (compare(m_list.at(mid), additions[a]) <= 0)
+            if (compare(reader.at(mid), additions[a]) <= 0)
                 lo = mid + 1;
             else
                 hi = mid;

@@ -192,6 +192,20 @@ void stableSort(const std::vector<Segment> &segments, const Less &less, bool par
     const Sequence sequence(segments);
     if (sequence.size() < 2)
         return;
+    // Input already in order (rows loaded in key order, a re-sort after
+    // nothing moved) costs one pass; any other input stops at its first
+    // inversion.
+    {
+        Forward previous(sequence, 0);
+        Forward current(sequence, 1);
+        long long at = 1;
+        for (; at < sequence.size() && !less(*current.get(), *previous.get()); ++at) {
+            previous.next();
+            current.next();
+        }
+        if (at == sequence.size())
+            return;
+    }
 
     std::vector<Run> runs;
     for (size_t s = 0; s < segments.size(); ++s) {

@@ -7,14 +7,19 @@
 
 #include <QtCore/QDebug>
 
+#include <cstdlib>
 #include <cstring>
 
 const int Table::base = 4;
 const Record Record::null;
 
+// Rows come from the C heap: its blocks are aligned well past the 8 bytes a
+// row needs, and a plain block saves the pointer an aligned allocation keeps
+// in front of each row. allocRow, freeRow and the reallocation in addColumn
+// are the only places that allocate or free rows.
 void RowRef::freeRow(unsigned char *row)
 {
-    qFreeAligned(row);
+    std::free(row);
 }
 
 // ---------------------------------------------------------------------------
@@ -247,7 +252,8 @@ void Table::addColumn(const TableColumnDef &def)
     for (unsigned char *&row : rows) {
         if (RowRef::deref(row))
             qWarning().nospace() << "Table::addColumn : Ref count in realloc is " << references(row);
-        row = static_cast<unsigned char *>(qReallocAligned(row, newRowSize, oldRowSize, 8));
+        row = static_cast<unsigned char *>(std::realloc(row, newRowSize));
+        Q_CHECK_PTR(row);
         // Whatever the reallocation leaves in the new bytes is read as null
         // bits below: make it zeros rather than garbage.
         std::memset(row + oldRowSize, 0, static_cast<size_t>(newRowSize - oldRowSize));
@@ -357,9 +363,8 @@ unsigned long long Table::rowSize() const
 unsigned char *Table::allocRow() const
 {
     const size_t size = static_cast<size_t>(d_func()->rowSize);
-    unsigned char *row = static_cast<unsigned char *>(qMallocAligned(size, 8));
+    unsigned char *row = static_cast<unsigned char *>(std::calloc(1, size));
     Q_CHECK_PTR(row);
-    std::memset(row, 0, size);
     return row;
 }
 

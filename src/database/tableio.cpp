@@ -15,11 +15,62 @@
 
 #include <cstring>
 #include <memory>
+#include <typeinfo>
 #include <vector>
 
 namespace {
 
 constexpr int BatchSize = 10240;
+// Rows are saved in blocks of about this many bytes, and loaded in chunks of
+// about this many; records longer than MaxChunkedRecord are read one by one.
+constexpr int WriteBlock = 256 * 1024;
+constexpr qint64 ReadBlock = 256 * 1024;
+constexpr qint64 MaxChunkedRecord = 64 * 1024;
+
+// When every live column is a plain copy of the stored column at the same
+// place, a row converts as one copy of its slotBytes and of its null bits (only
+// the columns' bits: the spare bits of the last null byte stay clear, as
+// column-by-column copies leave them).
+struct WholeCopy
+{
+    bool enabled = false;
+    size_t slotBytes = 0;
+    std::vector<unsigned char> nullMasks;
+
+    void copy(unsigned char *destination, const unsigned char *source) const
+    {
+        std::memcpy(destination, source, slotBytes);
+        for (size_t i = 0; i < nullMasks.size(); ++i)
+            destination[slotBytes + i] = source[slotBytes + i] & nullMasks[i];
+    }
+};
+
+WholeCopy wholeCopy(const QList<FieldDefConvertor *> &list, const Table *live, const Table *stored)
+{
+    WholeCopy whole;
+    const int columns = live->columnCount();
+    if (columns == 0 || list.size() != columns || stored->columnCount() != columns
+        || stored->rowLength() != live->rowLength())
+        return whole;
+    for (int c = 0; c < columns; ++c) {
+        const FieldDefConvertor *convertor = list.at(c);
+        const std::type_info &type = typeid(*convertor);
+        if (type != typeid(TableIO::FieldDefConvertor_Copy) && type != typeid(TableIO::FieldDefConvertor_Copy4)
+            && type != typeid(TableIO::FieldDefConvertor_Copy8))
+            return whole;
+        const TableColumnDef *to = convertor->destination;
+        const TableColumnDef *from = convertor->source;
+        if (to != &live->columnDef(c) || from != &stored->columnDef(c) || to->offset != from->offset
+            || to->size != from->size || to->nullIndex != from->nullIndex || to->nullIndex != c)
+            return whole;
+    }
+    whole.enabled = true;
+    whole.slotBytes = static_cast<size_t>(live->rowLength());
+    whole.nullMasks.assign(static_cast<size_t>((columns + 7) / 8), 0xFF);
+    if (columns % 8)
+        whole.nullMasks.back() = static_cast<unsigned char>((1u << (columns % 8)) - 1);
+    return whole;
+}
 // Rows made up after a stream has ended (see TableIO::read).
 constexpr qint64 MaxRowsPastEnd = 65536;
 
@@ -179,8 +230,19 @@ void TableIO::write(QDataStream &stream, bool withRows)
            << static_cast<qint32>(recordLength);
     if (!withRows)
         return;
-    for (const Record &record : *m_table->masterIndex())
-        stream.writeRawData(reinterpret_cast<const char *>(record.rowPtr() + Table::base), recordLength);
+    // Rows go out gathered in blocks: one device write per block, not per row.
+    std::vector<char> block;
+    block.reserve(static_cast<size_t>(std::max(recordLength, WriteBlock)));
+    for (const Record &record : *m_table->masterIndex()) {
+        if (block.size() + static_cast<size_t>(recordLength) > static_cast<size_t>(WriteBlock) && !block.empty()) {
+            stream.writeRawData(block.data(), static_cast<int>(block.size()));
+            block.clear();
+        }
+        const char *data = reinterpret_cast<const char *>(record.rowPtr() + Table::base);
+        block.insert(block.end(), data, data + recordLength);
+    }
+    if (!block.empty())
+        stream.writeRawData(block.data(), static_cast<int>(block.size()));
 }
 
 void TableIO::read(QDataStream &stream)
@@ -248,24 +310,64 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     const int readable = static_cast<int>(qMin(record, layout));
     const int skipped = static_cast<int>(record - readable);
 
+    const WholeCopy whole = wholeCopy(list, m_table, &saved);
     QList<Record> batch;
     batch.reserve(BatchSize);
-    qint64 pastEnd = 0;
-    for (qint64 r = 0; r < rowCount; ++r) {
-        if (stream.atEnd() && ++pastEnd > MaxRowsPastEnd)
-            break;
-        // A short read leaves the rest of the buffer as it was.
-        if (readable > 0)
-            stream.readRawData(reinterpret_cast<char *>(buffer.data()), readable);
-        if (skipped > 0)
-            stream.skipRawData(skipped);
+    auto make = [&](const unsigned char *from) {
         const Record row(m_table);
-        convertDefs(list, row.rowPtr() + Table::base, buffer.data());
+        if (whole.enabled)
+            whole.copy(row.rowPtr() + Table::base, from);
+        else
+            convertDefs(list, row.rowPtr() + Table::base, const_cast<unsigned char *>(from));
         if (batch.size() == BatchSize) {
             m_table->appendList(batch);
             batch.clear();
         }
         batch.append(row);
+    };
+
+    qint64 pastEnd = 0;
+    if (readable > 0 && record <= MaxChunkedRecord) {
+        // Records are read many at a time; `buffer` keeps the last one read,
+        // so that a short stream ends exactly as a record-at-a-time read does.
+        const qint64 perChunk = std::max<qint64>(1, ReadBlock / record);
+        std::vector<char> chunk(static_cast<size_t>(perChunk * record));
+        for (qint64 r = 0; r < rowCount;) {
+            if (stream.atEnd()) {
+                if (++pastEnd > MaxRowsPastEnd)
+                    break;
+                make(buffer.data());
+                ++r;
+                continue;
+            }
+            const qint64 want = std::min(perChunk, rowCount - r);
+            const int got = std::max(0, stream.readRawData(chunk.data(), static_cast<int>(want * record)));
+            const qint64 full = got / record;
+            const int partial = static_cast<int>(got % record);
+            for (qint64 i = 0; i < full; ++i)
+                make(reinterpret_cast<const unsigned char *>(chunk.data() + i * record));
+            if (full > 0)
+                std::memcpy(buffer.data(), chunk.data() + (full - 1) * record, static_cast<size_t>(readable));
+            r += full;
+            if (partial > 0 || full == 0) {
+                // A record cut short overwrites the start of the last one.
+                std::memcpy(buffer.data(), chunk.data() + full * record,
+                            static_cast<size_t>(std::min(partial, readable)));
+                make(buffer.data());
+                ++r;
+            }
+        }
+    } else {
+        for (qint64 r = 0; r < rowCount; ++r) {
+            if (stream.atEnd() && ++pastEnd > MaxRowsPastEnd)
+                break;
+            // A short read leaves the rest of the buffer as it was.
+            if (readable > 0)
+                stream.readRawData(reinterpret_cast<char *>(buffer.data()), readable);
+            if (skipped > 0)
+                stream.skipRawData(skipped);
+            make(buffer.data());
+        }
     }
     if (!batch.isEmpty())
         m_table->appendList(batch);
