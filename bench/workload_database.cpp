@@ -178,9 +178,6 @@ Result w2(int n, bool batch)
             RecordUpdater row(probe, trans);
             setPrice(row, u.price);
         }
-        if (getenv("SPLIT")) fprintf(stderr, "updaters %.3f\n", since(start));
-        trans.execute();
-        if (getenv("SPLIT")) fprintf(stderr, "execute %.3f\n", since(start));
     } else {
         for (const Update &u : changes) {
             const Record record = find(*store, probe, u.key);

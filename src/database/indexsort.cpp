@@ -5,6 +5,7 @@
 #include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
+#include <functional>
 #include <cmath>
 #include <unordered_set>
 #include <vector>
@@ -128,6 +129,43 @@ void mergeSort(Iterator first, Iterator last, int n, const Less &less)
 
 // Batches with at least this many additions sort them on the worker pool.
 constexpr size_t ParallelSortFrom = 32768;
+
+// Binary searches of many keys over one list, advancing in lock step, one
+// probe each per round: the handles of a round are prefetched, then their
+// rows, then compared, so the cache misses of the searches overlap instead of
+// queueing. Each search makes exactly the probes it would make alone.
+// probe(g, mid, c, lo, hi) takes c = compare(element at mid, key g) and
+// narrows [lo, hi); searches end when lo reaches hi.
+template <typename Probe>
+void lockstepSearch(const IndexSort &index, const PartitionList<Record> &list, int count,
+                    const std::function<const Record &(int)> &keyAt, int *lo, int *hi, Probe probe)
+{
+    constexpr int Group = 32;
+    for (int first = 0; first < count; first += Group) {
+        const int size = std::min(Group, count - first);
+        const Record *element[Group];
+        for (bool active = true; active;) {
+            for (int g = first; g < first + size; ++g) {
+                if (lo[g] < hi[g]) {
+                    element[g - first] = &list.at(lo[g] + (hi[g] - lo[g]) / 2);
+                    __builtin_prefetch(element[g - first]);
+                }
+            }
+            for (int g = first; g < first + size; ++g) {
+                if (lo[g] < hi[g])
+                    __builtin_prefetch(element[g - first]->rowPtr());
+            }
+            active = false;
+            for (int g = first; g < first + size; ++g) {
+                if (lo[g] >= hi[g])
+                    continue;
+                const int mid = lo[g] + (hi[g] - lo[g]) / 2;
+                probe(g, mid, index.compare(*element[g - first], keyAt(g)), lo[g], hi[g]);
+                active = active || lo[g] < hi[g];
+            }
+        }
+    }
+}
 
 } // namespace
 
@@ -357,14 +395,33 @@ std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Reco
                 ++left;
             }
         }
-        int position = 0;
-        for (auto it = list.begin(); it != list.end() && left > 0; ++it, ++position) {
-            const size_t slot = slotOf(it->rowPtr());
-            if (hashRows[slot] && hashPosition[slot] == -1) {
-                hashPosition[slot] = position;
-                --left;
+        // A bitmap of the rows' address bits, small enough to stay in the
+        // first-level cache, turns most elements away before the table.
+        constexpr size_t FilterBits = 1 << 16;
+        std::vector<quint64> filter(FilterBits / 64, 0);
+        auto filterBit = [](const unsigned char *row) {
+            return static_cast<size_t>((reinterpret_cast<quintptr>(row) >> 4) & (FilterBits - 1));
+        };
+        for (const RowPosition &m : missing)
+            filter[filterBit(m.row) >> 6] |= quint64(1) << (filterBit(m.row) & 63);
+        int start = 0;
+        list.forEachSegment([&](const Record *first, int count) {
+            if (left == 0)
+                return;
+            for (int e = 0; e < count; ++e) {
+                const unsigned char *row = first[e].rowPtr();
+                const size_t bit = filterBit(row);
+                if (!(filter[bit >> 6] >> (bit & 63) & 1))
+                    continue;
+                const size_t slot = slotOf(row);
+                if (hashRows[slot] && hashPosition[slot] == -1) {
+                    hashPosition[slot] = start + e;
+                    if (--left == 0)
+                        return;
+                }
             }
-        }
+            start += count;
+        });
         for (RowPosition &m : missing)
             m.position = hashPosition[slotOf(m.row)];
         positions.insert(positions.end(), missing.begin(), missing.end());
@@ -390,56 +447,24 @@ QMap<Record, int> IndexSort::indexOfs(QList<Record> records) const
 
 QVector<int> IndexSort::searchMany(const QVector<Record> &keys) const
 {
-    // The searches of a group advance in lock step, one probe each per
-    // round: the handles of a round are prefetched, then their rows, then
-    // compared, so the cache misses of the group overlap instead of queueing.
-    // Each search takes exactly the probes of search(key, -1).
-    constexpr int Group = 32;
     const int n = m_list.count();
-    QVector<int> result(keys.size(), -1);
+    QVector<int> found(keys.size(), -1);
     if (n == 0)
-        return result;
-    for (int first = 0; first < keys.size(); first += Group) {
-        const int size = std::min(Group, keys.size() - first);
-        int lo[Group];
-        int hi[Group];
-        int found[Group];
-        const Record *probe[Group];
-        for (int g = 0; g < size; ++g) {
-            lo[g] = 0;
-            hi[g] = n;
-            found[g] = -1;
-        }
-        for (bool active = true; active;) {
-            for (int g = 0; g < size; ++g) {
-                if (lo[g] < hi[g]) {
-                    probe[g] = &m_list.at(lo[g] + (hi[g] - lo[g]) / 2);
-                    __builtin_prefetch(probe[g]);
-                }
-            }
-            for (int g = 0; g < size; ++g) {
-                if (lo[g] < hi[g])
-                    __builtin_prefetch(probe[g]->rowPtr());
-            }
-            active = false;
-            for (int g = 0; g < size; ++g) {
-                if (lo[g] >= hi[g])
-                    continue;
-                const int mid = lo[g] + (hi[g] - lo[g]) / 2;
-                const int c = compare(*probe[g], keys[first + g]);
-                if (c == 0)
-                    found[g] = mid;
-                if (c >= 0)
-                    hi[g] = mid;
-                else
-                    lo[g] = mid + 1;
-                active = active || lo[g] < hi[g];
-            }
-        }
-        for (int g = 0; g < size; ++g)
-            result[first + g] = found[g];
-    }
-    return result;
+        return found;
+    std::vector<int> lo(static_cast<size_t>(keys.size()), 0);
+    std::vector<int> hi(static_cast<size_t>(keys.size()), n);
+    // The probes of search(key, -1): an equal key is remembered and the
+    // search goes on to the left for the first of the run.
+    lockstepSearch(*this, m_list, keys.size(), [&keys](int g) -> const Record & { return keys[g]; }, lo.data(),
+                   hi.data(), [&found](int g, int mid, int c, int &low, int &high) {
+                       if (c == 0)
+                           found[g] = mid;
+                       if (c >= 0)
+                           high = mid;
+                       else
+                           low = mid + 1;
+                   });
+    return found;
 }
 
 void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
@@ -583,21 +608,27 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     // Additions that share an insertion point go in together as one block;
     // the search cursor only moves forward. The points are found in the list
     // as it stands and then shifted by the blocks that go in before them.
+    // Every upper bound is searched at once over the list as it stands (it is
+    // in order: whatever was out of order has been taken out); as the
+    // additions are in order too, each bound is the search from the previous
+    // one on.
+    const int count = m_list.count();
+    const int additionCount = static_cast<int>(additions.size());
+    std::vector<int> bound(additions.size(), 0);
+    std::vector<int> limit(additions.size(), count);
+    lockstepSearch(*this, m_list, additionCount, [&additions](int a) -> const Record & { return additions[static_cast<size_t>(a)]; },
+                   bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
+                       if (c <= 0)
+                           low = mid + 1;
+                       else
+                           high = mid;
+                   });
     std::vector<int> points;
     std::vector<int> sizes;
     int cursor = 0;
     int before = 0;
-    PartitionList<Record>::Reader reader(m_list);
     for (size_t a = 0; a < additions.size(); ++a) {
-        int lo = cursor;
-        int hi = m_list.count();
-        while (lo < hi) {
-            const int mid = lo + (hi - lo) / 2;
-            if (compare(reader.at(mid), additions[a]) <= 0)
-                lo = mid + 1;
-            else
-                hi = mid;
-        }
+        const int lo = std::max(bound[a], cursor);
         if (a == 0 || lo != cursor) {
             if (!sizes.empty())
                 before += sizes.back();

@@ -226,6 +226,14 @@ public:
         const T *m_first = nullptr;
     };
 
+    // Calls f(first, count) for each partition's array, in order.
+    template <typename F>
+    void forEachSegment(F f) const
+    {
+        for (int k = 1; k + 1 < m_partitions.size(); ++k)
+            f(static_cast<const T *>(m_partitions[k]->first), m_partitions[k]->count);
+    }
+
     // The i-th element; a shared empty element when i is out of range.
     const T &at(int i) const
     {

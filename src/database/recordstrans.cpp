@@ -227,9 +227,10 @@ int lowerBound(const MasterIndex *master, const PartitionList<Record> &pending, 
 {
     int lo = 0;
     int hi = pending.size();
+    PartitionList<Record>::Reader reader(pending);
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
-        if (master->compare(pending.at(mid), key) < 0)
+        if (master->compare(reader.at(mid), key) < 0)
             lo = mid + 1;
         else
             hi = mid;
