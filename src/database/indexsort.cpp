@@ -612,17 +612,36 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     // in order: whatever was out of order has been taken out); as the
     // additions are in order too, each bound is the search from the previous
     // one on.
+    // The bounds of the first and the last addition frame all the others;
+    // when they agree (a batch appended at the end, as a load does), every
+    // addition shares that point and nothing more is searched.
     const int count = m_list.count();
     const int additionCount = static_cast<int>(additions.size());
-    std::vector<int> bound(additions.size(), 0);
-    std::vector<int> limit(additions.size(), count);
-    lockstepSearch(*this, m_list, additionCount, [&additions](int a) -> const Record & { return additions[static_cast<size_t>(a)]; },
-                   bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
-                       if (c <= 0)
-                           low = mid + 1;
-                       else
-                           high = mid;
-                   });
+    auto upperBound = [this](const Record &record, int lo, int hi) {
+        PartitionList<Record>::Reader reader(m_list);
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (compare(reader.at(mid), record) <= 0)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        return lo;
+    };
+    const int firstBound = upperBound(additions.front(), 0, count);
+    const int lastBound = upperBound(additions.back(), firstBound, count);
+    std::vector<int> bound(additions.size(), firstBound);
+    if (lastBound != firstBound) {
+        std::vector<int> limit(additions.size(), lastBound);
+        lockstepSearch(*this, m_list, additionCount,
+                       [&additions](int a) -> const Record & { return additions[static_cast<size_t>(a)]; },
+                       bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
+                           if (c <= 0)
+                               low = mid + 1;
+                           else
+                               high = mid;
+                       });
+    }
     std::vector<int> points;
     std::vector<int> sizes;
     int cursor = 0;

@@ -589,6 +589,18 @@ private:
         second->count = moved;
         p->last = p->first + keep;
         p->count = keep;
+        // A partition that a large block had grown gives back what it no
+        // longer needs (never below the usual reserve).
+        const int reserveSize = std::max(m_partitionSize + 2, keep);
+        if (p->capacity > reserveSize + reserveSize / 8) {
+            T *storage = static_cast<T *>(qReallocAligned(p->first, static_cast<size_t>(reserveSize) * sizeof(T),
+                                                          static_cast<size_t>(p->capacity) * sizeof(T), alignof(T)));
+            if (storage) {
+                p->first = storage;
+                p->last = storage + keep;
+                p->capacity = reserveSize;
+            }
+        }
         m_partitions.insert(k + 1, second);
         rebuildOffsets();
     }

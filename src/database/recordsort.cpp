@@ -1,6 +1,7 @@
 #include "recordsort_p.h"
 
 #include <QtConcurrent/QtConcurrentMap>
+#include <QtCore/QThreadPool>
 #include <QtCore/QVector>
 
 #include <algorithm>
@@ -115,6 +116,9 @@ struct Run
     long long end;
 };
 
+// Merges shorter than this are not worth cutting up for more threads.
+constexpr long long MinParallelMerge = 1 << 16;
+
 // Copies n records from a position into `to`.
 void copyOut(const Sequence &sequence, long long position, long long n, Record *to)
 {
@@ -181,6 +185,61 @@ void merge(const Sequence &sequence, Run a, Run b, const Less &less)
     }
 }
 
+// Reverses [begin, end) of the sequence in place.
+void reverse(const Sequence &sequence, long long begin, long long end)
+{
+    if (end - begin < 2)
+        return;
+    Forward front(sequence, begin);
+    Backward back(sequence, end);
+    unsigned char spare[sizeof(Record)];
+    for (long long k = (end - begin) / 2; k > 0; --k) {
+        std::memcpy(spare, static_cast<const void *>(front.get()), sizeof(Record));
+        relocate(front.get(), back.get());
+        std::memcpy(static_cast<void *>(back.get()), spare, sizeof(Record));
+        front.next();
+        back.next();
+    }
+}
+
+// Merges like merge(), cut into `parts` merges that run at once: the first
+// half of the output comes from A[0, i) and B[0, j) (i + j = half, ties
+// taken from A first, as the merge takes them), so once A[i, na) and
+// B[0, j) change places by rotation, the two halves merge independently.
+void mergeInParts(const Sequence &sequence, Run a, Run b, const Less &less, int parts)
+{
+    const long long na = a.end - a.begin;
+    const long long nb = b.end - b.begin;
+    if (parts < 2 || na + nb < MinParallelMerge || na == 0 || nb == 0) {
+        merge(sequence, a, b, less);
+        return;
+    }
+    const long long half = (na + nb) / 2;
+    long long lo = std::max(0LL, half - nb);
+    long long hi = std::min(na, half);
+    while (lo < hi) {
+        const long long i = lo + (hi - lo) / 2;
+        const long long j = half - i;
+        // B[j - 1] not below A[i]: A[i] belongs to the first half too.
+        if (j > 0 && !less(*Forward(sequence, b.begin + j - 1).get(), *Forward(sequence, a.begin + i).get()))
+            lo = i + 1;
+        else
+            hi = i;
+    }
+    const long long i = lo;
+    const long long j = half - i;
+    // [A0 A1 B0 B1] -> [A0 B0 A1 B1]
+    reverse(sequence, a.begin + i, a.end);
+    reverse(sequence, b.begin, b.begin + j);
+    reverse(sequence, a.begin + i, b.begin + j);
+    const Run a0{a.begin, a.begin + i}, b0{a.begin + i, a.begin + half};
+    const Run a1{a.begin + half, a.begin + half + (na - i)}, b1{a.begin + half + (na - i), b.end};
+    std::vector<std::pair<Run, Run>> halves{{a0, b0}, {a1, b1}};
+    QtConcurrent::blockingMap(halves, [&](const std::pair<Run, Run> &p) {
+        mergeInParts(sequence, p.first, p.second, less, parts / 2);
+    });
+}
+
 // Runs of this many records are sorted on their own before merging: small
 // enough to spread over the threads, large enough to amortise the tasks.
 constexpr int RunLength = 8192;
@@ -232,8 +291,13 @@ void stableSort(const std::vector<Segment> &segments, const Less &less, bool par
         }
         if (runs.size() % 2)
             merged.push_back(runs.back());
-        auto mergePair = [&](const std::pair<Run, Run> &p) { merge(sequence, p.first, p.second, less); };
-        if (parallel && pairs.size() > 1)
+        // Fewer merges than threads: each merge is cut into parts.
+        const int threads = parallel ? std::max(1, QThreadPool::globalInstance()->maxThreadCount()) : 1;
+        const int parts = std::max(1, threads / static_cast<int>(pairs.size()));
+        auto mergePair = [&](const std::pair<Run, Run> &p) {
+            mergeInParts(sequence, p.first, p.second, less, parts);
+        };
+        if (parallel && (pairs.size() > 1 || parts > 1))
             QtConcurrent::blockingMap(pairs, mergePair);
         else
             std::for_each(pairs.begin(), pairs.end(), mergePair);
