@@ -87,12 +87,31 @@ TEST_F(IndexSortTest, SearchesOverEqualKeys)
     EXPECT_EQ(index.comparisons, 0);
 }
 
+// The bulk lookup answers what search(key, -1) answers, key by key, across
+// groups of searches that run together, for present, absent and repeated
+// keys.
+TEST_F(IndexSortTest, SearchManyAnswersAsSearch)
+{
+    for (int i = 0; i < 100; ++i)
+        append(i / 3 * 2, i); // runs of three equal keys, odd keys absent
+    QVector<Record> keys;
+    for (int k = -2; k < 70; ++k)
+        keys.append(key(k));
+    keys.append(key(10));
+    const QVector<int> found = index.searchMany(keys);
+    ASSERT_EQ(found.size(), keys.size());
+    for (int i = 0; i < keys.size(); ++i)
+        EXPECT_EQ(found[i], index.search(keys[i], -1)) << "key " << getInt(keys[i], 0);
+    EXPECT_EQ(found[12], 15); // key 10: the first of its run
+    EXPECT_TRUE(IndexSortTest::index.searchMany({}).isEmpty());
+}
+
 TEST_F(IndexSortTest, BuildSortsStablyBelowAndAboveTheParallelThreshold)
 {
     table.removeIndex(&index);
     QRandomGenerator random(99);
     int id = 0;
-    for (const int size : {511, 512, 5000, 40000}) {
+    for (const int size : {511, 512, 5000, 40000, 150000}) {
         SCOPED_TRACE(size);
         table.clear();
         index.clear();
@@ -219,7 +238,9 @@ TEST_F(IndexSortTest, ProcessRechecksAgainstNeighboursThatStay)
 // table's accepted records in key order, untouched equal keys keep their
 // relative order, and a batch's insertions keep their arrival order after
 // the equal keys already there.
-TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
+namespace {
+
+void runModel(int rows, int rounds, int maxChanges, int keys)
 {
     Table table(QStringLiteral("model"));
     table.addColumn(QStringLiteral("key"), FieldType::Integer);
@@ -229,13 +250,13 @@ TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
     std::vector<Record> live;
     int nextId = 0;
 
-    for (int i = 0; i < 1500; ++i) {
-        const Record record = makeRow(table, {random.bounded(40), nextId++});
+    for (int i = 0; i < rows; ++i) {
+        const Record record = makeRow(table, {random.bounded(keys), nextId++});
         record.append();
         live.push_back(record);
     }
 
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < rounds; ++round) {
         SCOPED_TRACE(round);
         const std::vector<Record> before(index.begin(), index.end());
         const std::vector<Record> masterBefore(table.masterIndex()->begin(), table.masterIndex()->end());
@@ -252,10 +273,10 @@ TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
 
         const int kind = random.bounded(4);
         const bool single = kind == 3;
-        const int changes = single ? 1 : random.bounded(1, 60);
+        const int changes = single ? 1 : random.bounded(1, maxChanges);
         for (int c = 0; c < changes; ++c) {
             const int what = random.bounded(10);
-            if (what < 3 && live.size() > 100) {
+            if (what < 3 && live.size() > 100 && removed.size() < static_cast<int>(live.size()) / 3) {
                 const Record r = pickUntouched();
                 if (r.isNull())
                     continue;
@@ -280,11 +301,11 @@ TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
                         continue;
                     touched.insert(r.rowPtr());
                     if (random.bounded(4) != 0)
-                        setInt(r, 0, random.bounded(40));
+                        setInt(r, 0, random.bounded(keys));
                     updated.append(r);
                 }
             } else {
-                const Record r = makeRow(table, {random.bounded(40), nextId++});
+                const Record r = makeRow(table, {random.bounded(keys), nextId++});
                 touched.insert(r.rowPtr());
                 inserted.append(r);
             }
@@ -303,8 +324,11 @@ TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
                 table.process(removed, updated, 0, 1, inserted);
             }
         }
+        std::set<const unsigned char *> gone;
         for (const Record &r : removed)
-            live.erase(std::find(live.begin(), live.end(), r));
+            gone.insert(r.rowPtr());
+        live.erase(std::remove_if(live.begin(), live.end(), [&](const Record &r) { return gone.count(r.rowPtr()) > 0; }),
+                   live.end());
         for (const Record &r : inserted)
             live.push_back(r);
 
@@ -355,11 +379,25 @@ TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
         // The arrival-order master: removals gone, insertions at the end.
         std::vector<Record> masterExpected;
         for (const Record &r : masterBefore) {
-            if (!removed.contains(r))
+            if (!gone.count(r.rowPtr()))
                 masterExpected.push_back(r);
         }
         masterExpected.insert(masterExpected.end(), inserted.begin(), inserted.end());
         ASSERT_EQ(std::vector<Record>(table.masterIndex()->begin(), table.masterIndex()->end()), masterExpected);
     }
     table.removeIndex(&index);
+}
+
+} // namespace
+
+TEST(IndexSortModel, RandomBatchesKeepTheInvariants)
+{
+    runModel(1500, 300, 60, 40);
+}
+
+// Batches large enough for the bulk paths: positions found in one pass,
+// additions sorted on the worker pool, insertion points searched together.
+TEST(IndexSortModel, LargeBatchesKeepTheInvariants)
+{
+    runModel(60000, 6, 80000, 3000);
 }

@@ -155,28 +155,38 @@ TEST_F(TransTest, TheLimitIndexNamesTheSurplus)
     table.removeIndex(&limit);
 }
 
-// Random transactions against a map: inserts, updates and removals by key.
+// Random transactions against a map: inserts, updates and removals by key,
+// in many small transactions and in a few with thousands of pending keys.
 TEST_F(TransTest, RandomTransactionsMatchAMap)
 {
     QRandomGenerator random(4242);
     std::map<int, int> model;
-    for (int round = 0; round < 300; ++round) {
-        SCOPED_TRACE(round);
-        TableUpdater updater(&table);
-        RecordsTrans trans(&table);
-        for (int change = random.bounded(1, 30); change > 0; --change) {
-            const int key = random.bounded(60);
-            if (random.bounded(3) == 0) {
-                RecordUpdater(keyOf(key), trans).remove();
-                model.erase(key);
-            } else {
-                const int value = random.bounded(1000);
-                put(trans, key, value);
-                model[key] = value;
+    struct Shape
+    {
+        int rounds, maxChanges, keys;
+    };
+    for (const Shape shape : {Shape{300, 30, 60}, Shape{4, 20000, 30000}}) {
+        for (int round = 0; round < shape.rounds; ++round) {
+            SCOPED_TRACE(round);
+            TableUpdater updater(&table);
+            RecordsTrans trans(&table);
+            for (int change = random.bounded(1, shape.maxChanges); change > 0; --change) {
+                const int key = random.bounded(shape.keys);
+                if (random.bounded(3) == 0) {
+                    RecordUpdater(keyOf(key), trans).remove();
+                    model.erase(key);
+                } else {
+                    const int value = random.bounded(1000);
+                    put(trans, key, value);
+                    model[key] = value;
+                }
             }
+            const QList<Record> inserts = trans.insertList();
+            for (int i = 1; i < inserts.size(); ++i)
+                ASSERT_TRUE(inserts[i - 1] < inserts[i]) << "insertList out of row-address order";
+            trans.execute();
+            ASSERT_EQ(contents(), model);
+            ASSERT_EQ(table.rowCount(), static_cast<int>(model.size()));
         }
-        trans.execute();
-        ASSERT_EQ(contents(), model);
-        ASSERT_EQ(table.rowCount(), static_cast<int>(model.size()));
     }
 }

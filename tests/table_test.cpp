@@ -420,7 +420,12 @@ TEST_F(ProtocolTest, AppendListGoesThroughProcess)
     table.appendList({makeRow(table, {1, 1}), makeRow(table, {2, 2})});
     EXPECT_EQ(log, QStringList({"master:process([],[],-1,-1,[1,2])", "first:process([],[],-1,-1,[1,2])",
                                 "second:process([],[],-1,-1,[1,2])"}));
-    EXPECT_EQ(table.rowCount(), 2);
+    // The vector form is heard the same way.
+    log.clear();
+    table.appendRecords(QVector<Record>{makeRow(table, {3, 3}), makeRow(table, {4, 4})});
+    EXPECT_EQ(log, QStringList({"master:process([],[],-1,-1,[3,4])", "first:process([],[],-1,-1,[3,4])",
+                                "second:process([],[],-1,-1,[3,4])"}));
+    EXPECT_EQ(table.rowCount(), 4);
 }
 
 TEST_F(ProtocolTest, RemoveReachesIndexesThenMasterWithItsPosition)
