@@ -9,7 +9,7 @@ JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test bench sanitize install clean
+.PHONY: all deps build demo test bench bench-micro bench-peers sanitize install clean
 
 all: build
 
@@ -28,10 +28,26 @@ demo: build
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Benchmarks of the optimised build; pass BENCH_ARGS to filter them, e.g.
-# make bench BENCH_ARGS=--benchmark_filter=Decimal
+# The workloads W1..W7 on a million rows, each repetition in a child process;
+# results in $(BUILD_DIR)/bench/results.tsv. WORKLOAD_ARGS passes options,
+# e.g. make bench WORKLOAD_ARGS="--n 200000 --filter W4".
 bench: build
+	./$(BUILD_DIR)/bench/workloads --out $(BUILD_DIR)/bench/results.tsv $(WORKLOAD_ARGS)
+
+# The micro-benchmarks of bench/*_bench.cpp; pass BENCH_ARGS to filter them,
+# e.g. make bench-micro BENCH_ARGS=--benchmark_filter=Decimal
+bench-micro: build
 	@set -e; for b in $(BUILD_DIR)/bench/*_bench; do echo "== $$b"; $$b $(BENCH_ARGS); done
+
+# The same workloads on a B-tree map and set, SQLite in memory,
+# std::stable_sort, raw and gzip files and ISA-L, alternating with the
+# library's runs; prints each ratio and writes $(BUILD_DIR)/bench/peers.tsv.
+# Installs the peers' Debian packages first; the library never links them.
+bench-peers: deps
+	@sh scripts/install-deps.sh --peers
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DDATABASE_BUILD_PEERS=ON $(CMAKE_FLAGS)
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target peers
+	./$(BUILD_DIR)/bench/peers --out $(BUILD_DIR)/bench/peers.tsv $(WORKLOAD_ARGS)
 
 # The whole test suite under AddressSanitizer (leaks included) and
 # UndefinedBehaviorSanitizer, in a separate debug build.

@@ -16,6 +16,7 @@ int main(int argc, char **argv)
     std::ofstream out(options.out);
     out << "workload\tpeer\tmedian_s\tmin_s\tmax_s\treps\titems\tthroughput\tunit\tnote\n";
     std::printf("%-8s %-16s %10s %10s %10s  %s\n", "workload", "peer", "median_s", "min_s", "max_s", "check");
+    bool failed = false;
     for (const Entry &entry : databaseEntries()) {
         if (!selected(options, entry))
             continue;
@@ -26,8 +27,10 @@ int main(int argc, char **argv)
         std::string note = "check " + s.check;
         if (s.bytesPerRow > 0)
             note += "; resident bytes per row " + std::to_string(static_cast<long>(s.bytesPerRow + 0.5));
-        if (s.reps == 0)
+        if (s.reps == 0) {
             note = "failed";
+            failed = true;
+        }
         const double throughput = s.median > 0 ? s.items / s.median : 0;
         out << entry.workload << '\t' << entry.peer << '\t' << s.median << '\t' << s.min << '\t' << s.max << '\t'
             << s.reps << '\t' << s.items << '\t' << throughput << '\t' << entry.unit << "/s\t" << note << '\n';
@@ -37,5 +40,5 @@ int main(int argc, char **argv)
         std::fflush(stdout);
     }
     std::printf("results: %s\n", options.out.c_str());
-    return 0;
+    return failed ? 1 : 0;
 }

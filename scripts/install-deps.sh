@@ -1,11 +1,15 @@
 #!/bin/sh
-# Installs the Debian packages the build, the tests and the benchmarks need.
+# Installs the Debian packages the build, the tests and the benchmarks need;
+# with --peers, also those of the peer comparison (make bench-peers).
 # Idempotent: when everything is present it only checks and exits.
 # As root it runs apt-get itself (after one 'apt-get update'); otherwise it
 # prints the command to run and fails.
 set -eu
 
 packages="g++ make cmake pkg-config qtbase5-dev zlib1g-dev libgtest-dev libbenchmark-dev"
+if [ "${1:-}" = "--peers" ]; then
+    packages="$packages libabsl-dev libsqlite3-dev libisal-dev"
+fi
 
 missing=""
 for p in $packages; do
