@@ -2,7 +2,6 @@
 
 #include "recordsort_p.h"
 
-#include <QtConcurrent/QtConcurrentMap>
 
 #include <algorithm>
 #include <functional>

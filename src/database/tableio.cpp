@@ -340,8 +340,16 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
                 ++r;
                 continue;
             }
-            const qint64 want = std::min(perChunk, rowCount - r);
-            const int got = std::max(0, stream.readRawData(chunk.data(), static_cast<int>(want * record)));
+            // A device may hand over less than asked before its end: read on
+            // until the chunk is full or nothing more comes.
+            const int want = static_cast<int>(std::min(perChunk, rowCount - r) * record);
+            int got = 0;
+            while (got < want) {
+                const int read = stream.readRawData(chunk.data() + got, want - got);
+                if (read <= 0)
+                    break;
+                got += read;
+            }
             const qint64 full = got / record;
             const int partial = static_cast<int>(got % record);
             for (qint64 i = 0; i < full; ++i)
