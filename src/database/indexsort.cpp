@@ -23,6 +23,22 @@ struct RowPosition
     bool operator<(const RowPosition &other) const { return std::less<const unsigned char *>()(row, other.row); }
 };
 
+// Where `row` stands among the at most `limit` handles from position `from`
+// on, or -1. A record sits in the run of its key, which starts at the lower
+// bound of the key: comparing row pointers there finds it without reading a
+// row, where walking the run would compare (and fetch) each one.
+constexpr int RowScan = 512;
+
+int scanForRow(const PartitionList<Record> &list, int from, const unsigned char *row, int limit)
+{
+    int position = from;
+    for (auto it = list.iteratorAt(from); it != list.end() && position - from < limit; ++it, ++position) {
+        if (it->rowPtr() == row)
+            return position;
+    }
+    return -1;
+}
+
 int positionOf(const std::vector<RowPosition> &positions, const Record &record)
 {
     const RowPosition key{record.rowPtr(), -1};
@@ -264,6 +280,9 @@ int IndexSort::indexOf(const Record &record) const
         else
             hi = mid;
     }
+    const int scanned = scanForRow(m_list, lo, record.rowPtr(), RowScan);
+    if (scanned != -1)
+        return scanned;
     int position = lo;
     for (auto it = m_list.iteratorAt(lo); it != m_list.end(); ++it, ++position) {
         if (it->rowPtr() == record.rowPtr())
@@ -287,7 +306,10 @@ void IndexSort::update(const Record &record, int, int, int position)
         p = position;
     } else {
         p = search(record, -1);
-        if (p != -1) {
+        const int scanned = p == -1 ? -1 : scanForRow(m_list, p, record.rowPtr(), RowScan);
+        if (scanned != -1) {
+            p = scanned;
+        } else if (p != -1) {
             for (auto it = m_list.iteratorAt(p);; ++it, ++p) {
                 if (it == m_list.end() || compare(record, *it) != 0) {
                     p = -1;
@@ -318,12 +340,11 @@ void IndexSort::update(const Record &record, int, int, int position)
 namespace {
 
 // Finds where each record stands, by row: first in the run of its key
-// (found by binary search), then, for those not found there, in one linear
-// pass over the whole index. A run longer than this is left to the linear
-// pass, which finds the same positions in one sweep instead of one per
-// record (an arrival-order index is a single run).
-constexpr int MaxRunWalk = 64;
-
+// (the lower bounds of all the keys searched together), then, for those not
+// found there, in one linear pass over the whole index. A record further
+// than RowScan into its run is left to the linear pass, which finds all such
+// records in one sweep instead of one walk each (an arrival-order index is a
+// single run).
 std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Record> &list,
                                 const std::vector<const Record *> &records)
 {
@@ -331,40 +352,32 @@ std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Reco
     positions.reserve(records.size());
     std::vector<RowPosition> missing;
     const int n = list.count();
-    // A probe of a binary search costs a comparison of two scattered rows,
-    // some twenty times a step of the linear pass: for large batches one
-    // pass over everything is cheaper than a search per record.
-    const bool passOnly = static_cast<double>(records.size()) * std::log2(n + 1.0) * 20.0 >= n;
-    for (const Record *record : records) {
-        if (passOnly) {
+    // A search costs some twenty probes, each reaching a scattered row,
+    // against a few nanoseconds for a step of the pass: for large batches
+    // one pass over everything is cheaper than a search per record.
+    const bool passOnly = static_cast<double>(records.size()) * std::log2(n + 1.0) * 10.0 >= n;
+    if (passOnly) {
+        for (const Record *record : records)
             missing.push_back({record->rowPtr(), -1});
-            continue;
-        }
-        int lo = 0;
-        int hi = n;
-        PartitionList<Record>::Reader reader(list);
-        while (lo < hi) {
-            const int mid = lo + (hi - lo) / 2;
-            if (index.compare(reader.at(mid), *record) < 0)
-                lo = mid + 1;
+    } else {
+        const int count = static_cast<int>(records.size());
+        std::vector<int> lo(records.size(), 0);
+        std::vector<int> hi(records.size(), n);
+        lockstepSearch(index, list, count, [&records](int r) -> const Record & { return *records[static_cast<size_t>(r)]; },
+                       lo.data(), hi.data(), [](int, int mid, int c, int &low, int &high) {
+                           if (c < 0)
+                               low = mid + 1;
+                           else
+                               high = mid;
+                       });
+        for (int r = 0; r < count; ++r) {
+            const unsigned char *row = records[static_cast<size_t>(r)]->rowPtr();
+            const int found = scanForRow(list, lo[static_cast<size_t>(r)], row, RowScan);
+            if (found != -1)
+                positions.push_back({row, found});
             else
-                hi = mid;
+                missing.push_back({row, -1});
         }
-        int found = -1;
-        int position = lo;
-        int walked = 0;
-        for (auto it = list.iteratorAt(lo); it != list.end() && walked < MaxRunWalk; ++it, ++position, ++walked) {
-            if (it->rowPtr() == record->rowPtr()) {
-                found = position;
-                break;
-            }
-            if (index.compare(*it, *record) != 0)
-                break;
-        }
-        if (found != -1)
-            positions.push_back({record->rowPtr(), found});
-        else
-            missing.push_back({record->rowPtr(), -1});
     }
 
     if (!missing.empty()) {
