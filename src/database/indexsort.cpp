@@ -523,11 +523,28 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     enum Action { Nothing, Add, Delete, Move, Stay };
     std::vector<Action> actions(static_cast<size_t>(updated.size()), Nothing);
     std::vector<int> updatedPositions(static_cast<size_t>(updated.size()), -1);
+    for (int u = 0; u < updated.size(); ++u)
+        updatedPositions[u] = positionOf(positions, updated[u]);
+    // The neighbours' rows are fetched a group ahead of their comparisons.
+    constexpr int Ahead = 32;
+    auto prefetchNeighbours = [&](int from) {
+        const int to = std::min(from + Ahead, updated.size());
+        for (int u = from; u < to; ++u) {
+            const int p = updatedPositions[u];
+            __builtin_prefetch(updated[u].rowPtr());
+            if (p > 0)
+                __builtin_prefetch(m_list.at(p - 1).rowPtr());
+            if (p != -1 && p + 1 < n)
+                __builtin_prefetch(m_list.at(p + 1).rowPtr());
+        }
+    };
+    prefetchNeighbours(0);
     for (int u = 0; u < updated.size(); ++u) {
+        if (u % Ahead == 0)
+            prefetchNeighbours(u + Ahead);
         const Record &record = updated[u];
-        const int p = positionOf(positions, record);
+        const int p = updatedPositions[u];
         const bool accepted = filter(record);
-        updatedPositions[u] = p;
         if (p == -1) {
             actions[u] = accepted ? Add : Nothing;
         } else if (!accepted) {
