@@ -2,10 +2,9 @@
 
 #include "recordsort_p.h"
 
-
 #include <algorithm>
-#include <functional>
 #include <cmath>
+#include <functional>
 #include <unordered_set>
 #include <vector>
 
@@ -169,10 +168,14 @@ void lockstepSearch(const IndexSort &index, const PartitionList<Record> &list, i
     for (int first = 0; first < count; first += Group) {
         const int size = std::min(Group, count - first);
         const Record *element[Group];
+        // One reader per search: its probes soon stay in one partition.
+        PartitionList<Record>::Reader readers[Group];
+        for (int g = 0; g < size; ++g)
+            readers[g] = PartitionList<Record>::Reader(list);
         for (bool active = true; active;) {
             for (int g = first; g < first + size; ++g) {
                 if (lo[g] < hi[g]) {
-                    element[g - first] = &list.at(lo[g] + (hi[g] - lo[g]) / 2);
+                    element[g - first] = &readers[g - first].at(lo[g] + (hi[g] - lo[g]) / 2);
                     __builtin_prefetch(element[g - first]);
                 }
             }

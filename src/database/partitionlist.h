@@ -206,6 +206,7 @@ public:
     class Reader
     {
     public:
+        Reader() = default;
         explicit Reader(const PartitionList &list) : m_list(&list) {}
         const T &at(int i)
         {
@@ -220,7 +221,7 @@ public:
         }
 
     private:
-        const PartitionList *m_list;
+        const PartitionList *m_list = nullptr;
         int m_start = 0;
         int m_end = 0;
         const T *m_first = nullptr;
