@@ -89,15 +89,6 @@ struct BTree
     }
 };
 
-std::vector<Row> drawRows(int n)
-{
-    RowSource source;
-    std::vector<Row> rows(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i)
-        rows[static_cast<size_t>(i)] = source.row(static_cast<std::uint64_t>(i));
-    return rows;
-}
-
 std::unique_ptr<BTree> filledBTree(int n, bool updated = false)
 {
     auto tree = std::make_unique<BTree>();
@@ -147,11 +138,8 @@ Result btreeW3(int n)
 template <typename Apply>
 Result w4With(int n, Apply apply, const std::function<Digest()> &digest)
 {
-    RowSource source;
-    for (int i = 0; i < n; ++i)
-        source.row(static_cast<std::uint64_t>(i));
     std::vector<Row> inserted;
-    const auto all = batches(n, source, inserted);
+    const auto all = batches(n, inserted);
     const auto start = Clock::now();
     size_t next = 0;
     for (const auto &changes : all)

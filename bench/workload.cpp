@@ -37,6 +37,15 @@ Row RowSource::row(std::uint64_t i)
     return row;
 }
 
+std::vector<Row> drawRows(int n)
+{
+    RowSource source;
+    std::vector<Row> rows(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i)
+        rows[static_cast<size_t>(i)] = source.row(static_cast<std::uint64_t>(i));
+    return rows;
+}
+
 std::vector<Update> updates(int n)
 {
     SplitMix64 random(Updates);
@@ -51,10 +60,7 @@ std::vector<Update> updates(int n)
 
 std::vector<Row> updatedRows(int n)
 {
-    RowSource source;
-    std::vector<Row> rows(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i)
-        rows[static_cast<size_t>(i)] = source.row(static_cast<std::uint64_t>(i));
+    std::vector<Row> rows = drawRows(n);
     for (const Update &u : updates(n))
         rows[u.row].price = u.price;
     return rows;
@@ -69,8 +75,11 @@ std::vector<std::int64_t> lookups(int n)
     return result;
 }
 
-std::vector<std::vector<Change>> batches(int n, RowSource &rows, std::vector<Row> &inserted)
+std::vector<std::vector<Change>> batches(int n, std::vector<Row> &inserted)
 {
+    RowSource rows;
+    for (int i = 0; i < n; ++i)
+        rows.row(static_cast<std::uint64_t>(i)); // the stream goes on after the table's rows
     SplitMix64 random(Batches);
     std::vector<std::int64_t> live(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i)

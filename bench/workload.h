@@ -89,6 +89,9 @@ private:
     std::vector<std::string> m_pool;
 };
 
+// The first n rows, drawn from a fresh rows stream.
+std::vector<Row> drawRows(int n);
+
 // W2: N price updates of random existing rows.
 struct Update
 {
@@ -112,9 +115,9 @@ struct Change
 };
 constexpr int BatchCount = 100;
 constexpr int BatchUpdates = 4000, BatchInserts = 3000, BatchRemovals = 3000;
-// The changes, batch after batch, and (through `rows`) the inserted rows,
-// drawn from the rows stream after the first n.
-std::vector<std::vector<Change>> batches(int n, RowSource &rows, std::vector<Row> &inserted);
+// The changes, batch after batch, and in `inserted` the inserted rows, drawn
+// from the rows stream after the first n.
+std::vector<std::vector<Change>> batches(int n, std::vector<Row> &inserted);
 
 // The order-independent digest W4 prints: rows, the sum of prices in cents,
 // and the sum over rows of mix(key * 31 + cents).

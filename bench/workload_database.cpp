@@ -99,14 +99,6 @@ Record makeRow(const Table *table, const Row &row)
     return record;
 }
 
-std::vector<Row> drawRows(RowSource &source, int n)
-{
-    std::vector<Row> rows(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i)
-        rows[static_cast<size_t>(i)] = source.row(static_cast<std::uint64_t>(i));
-    return rows;
-}
-
 void fillBatch(Store &store, const std::vector<Row> &rows)
 {
     QVector<Record> records;
@@ -121,9 +113,8 @@ void fillBatch(Store &store, const std::vector<Row> &rows)
 // `updated`, as W2 leaves them.
 std::unique_ptr<Store> filledStore(int n, bool updated = false)
 {
-    RowSource source;
     auto store = std::make_unique<Store>();
-    fillBatch(*store, updated ? updatedRows(n) : drawRows(source, n));
+    fillBatch(*store, updated ? updatedRows(n) : drawRows(n));
     return store;
 }
 
@@ -145,8 +136,7 @@ Digest digest(Store &store)
 
 Result w1(int n, bool batch)
 {
-    RowSource source;
-    const std::vector<Row> rows = drawRows(source, n);
+    const std::vector<Row> rows = drawRows(n);
     const double before = residentBytes();
     Store store;
     const auto start = Clock::now();
@@ -229,11 +219,8 @@ Result w3(int n, bool batch)
 Result w4(int n, bool batch)
 {
     auto store = filledStore(n, true);
-    RowSource source;
-    for (int i = 0; i < n; ++i)
-        source.row(static_cast<std::uint64_t>(i)); // the rows stream goes on after the table's rows
     std::vector<Row> inserted;
-    const std::vector<std::vector<Change>> all = batches(n, source, inserted);
+    const std::vector<std::vector<Change>> all = batches(n, inserted);
     const Record probe(&store->table);
     Table &table = store->table;
     const auto start = Clock::now();

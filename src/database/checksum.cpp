@@ -135,6 +135,20 @@ __attribute__((target("pclmul,sse4.1,ssse3"))) __m128i foldRest(__m128i acc, con
     return acc;
 }
 
+// Folds `count` 128-bit values that stand in message order into one, then
+// the whole 16-byte blocks left of the input, and finishes with its tail.
+__attribute__((target("pclmul,sse4.1,ssse3"))) std::uint64_t foldAndFinish(const __m128i *values, int count,
+                                                                            const unsigned char *bytes,
+                                                                            std::size_t length)
+{
+    const __m128i k = _mm_set_epi64x(static_cast<long long>(fold128.high), static_cast<long long>(fold128.low));
+    __m128i acc = values[0];
+    for (int j = 1; j < count; ++j)
+        acc = _mm_xor_si128(fold(acc, k), values[j]);
+    acc = foldRest(acc, bytes, length);
+    return finish(acc, bytes, length);
+}
+
 // REQUIRES: length >= 128.
 __attribute__((target("pclmul,sse4.1,ssse3"))) std::uint64_t clmul(std::uint64_t crc, const unsigned char *bytes,
                                                                     std::size_t length)
@@ -151,12 +165,7 @@ __attribute__((target("pclmul,sse4.1,ssse3"))) std::uint64_t clmul(std::uint64_t
         for (int j = 0; j < 8; ++j)
             x[j] = _mm_xor_si128(fold(x[j], k8), load128(bytes + 16 * j));
     }
-    const __m128i k1 = _mm_set_epi64x(static_cast<long long>(fold128.high), static_cast<long long>(fold128.low));
-    __m128i acc = x[0];
-    for (int j = 1; j < 8; ++j)
-        acc = _mm_xor_si128(fold(acc, k1), x[j]);
-    acc = foldRest(acc, bytes, length);
-    return finish(acc, bytes, length);
+    return foldAndFinish(x, 8, bytes, length);
 }
 
 // REQUIRES: length >= 512.
@@ -181,16 +190,11 @@ clmul512(std::uint64_t crc, const unsigned char *bytes, std::size_t length)
         }
     }
 #undef load
-    // The sixteen lanes in message order, folded into one.
+    // The 32 lanes are in message order.
     alignas(64) __m128i lanes[32];
     for (int j = 0; j < 8; ++j)
         _mm512_store_si512(lanes + 4 * j, z[j]);
-    const __m128i k1 = _mm_set_epi64x(static_cast<long long>(fold128.high), static_cast<long long>(fold128.low));
-    __m128i acc = lanes[0];
-    for (int j = 1; j < 32; ++j)
-        acc = _mm_xor_si128(fold(acc, k1), lanes[j]);
-    acc = foldRest(acc, bytes, length);
-    return finish(acc, bytes, length);
+    return foldAndFinish(lanes, 32, bytes, length);
 }
 
 enum class Kernel { Sliced, Clmul, Clmul512 };

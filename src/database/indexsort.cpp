@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <unordered_set>
 #include <vector>
 
@@ -46,6 +45,25 @@ inline void prefetchNextProbes(PartitionList<Record>::Reader &reader, int lo, in
         __builtin_prefetch(reader.at(lo + (mid - lo) / 2).rowPtr());
         __builtin_prefetch(reader.at(mid + 1 + (hi - mid - 1) / 2).rowPtr());
     }
+}
+
+// The first position in [lo, hi) whose element is above `record` (upper) or
+// not below it (lower), by binary search.
+int boundIn(const IndexSort &index, const PartitionList<Record> &list, const Record &record, int lo, int hi,
+            bool upper)
+{
+    PartitionList<Record>::Reader reader(list);
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        const Record &element = reader.at(mid);
+        prefetchNextProbes(reader, lo, mid, hi);
+        const int c = index.compare(element, record);
+        if (upper ? c <= 0 : c < 0)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
 }
 
 int positionOf(const std::vector<RowPosition> &positions, const Record &record)
@@ -160,9 +178,9 @@ constexpr size_t ParallelSortFrom = 32768;
 // queueing. Each search makes exactly the probes it would make alone.
 // probe(g, mid, c, lo, hi) takes c = compare(element at mid, key g) and
 // narrows [lo, hi); searches end when lo reaches hi.
-template <typename Probe>
-void lockstepSearch(const IndexSort &index, const PartitionList<Record> &list, int count,
-                    const std::function<const Record &(int)> &keyAt, int *lo, int *hi, Probe probe)
+template <typename KeyAt, typename Probe>
+void lockstepSearch(const IndexSort &index, const PartitionList<Record> &list, int count, KeyAt keyAt, int *lo,
+                    int *hi, Probe probe)
 {
     constexpr int Group = 32;
     for (int first = 0; first < count; first += Group) {
@@ -269,35 +287,12 @@ int IndexSort::searchFull(const Record &key, int after) const
 
 int IndexSort::indexOfAdd(const Record &record) const
 {
-    int lo = 0;
-    int hi = m_list.count();
-    PartitionList<Record>::Reader reader(m_list);
-    while (lo < hi) {
-        const int mid = lo + (hi - lo) / 2;
-        const Record &element = reader.at(mid);
-        prefetchNextProbes(reader, lo, mid, hi);
-        if (compare(element, record) <= 0)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo;
+    return boundIn(*this, m_list, record, 0, m_list.count(), true);
 }
 
 int IndexSort::indexOf(const Record &record) const
 {
-    int lo = 0;
-    int hi = m_list.count();
-    PartitionList<Record>::Reader reader(m_list);
-    while (lo < hi) {
-        const int mid = lo + (hi - lo) / 2;
-        const Record &element = reader.at(mid);
-        prefetchNextProbes(reader, lo, mid, hi);
-        if (compare(element, record) < 0)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
+    const int lo = boundIn(*this, m_list, record, 0, m_list.count(), false);
     const int scanned = scanForRow(m_list, lo, record.rowPtr(), RowScan);
     if (scanned != -1)
         return scanned;
@@ -664,19 +659,8 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
     // addition shares that point and nothing more is searched.
     const int count = m_list.count();
     const int additionCount = static_cast<int>(additions.size());
-    auto upperBound = [this](const Record &record, int lo, int hi) {
-        PartitionList<Record>::Reader reader(m_list);
-        while (lo < hi) {
-            const int mid = lo + (hi - lo) / 2;
-            if (compare(reader.at(mid), record) <= 0)
-                lo = mid + 1;
-            else
-                hi = mid;
-        }
-        return lo;
-    };
-    const int firstBound = upperBound(additions.front(), 0, count);
-    const int lastBound = upperBound(additions.back(), firstBound, count);
+    const int firstBound = boundIn(*this, m_list, additions.front(), 0, count, true);
+    const int lastBound = boundIn(*this, m_list, additions.back(), firstBound, count, true);
     std::vector<int> bound(additions.size(), firstBound);
     if (lastBound != firstBound) {
         std::vector<int> limit(additions.size(), lastBound);
