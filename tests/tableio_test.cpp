@@ -382,25 +382,6 @@ TEST(TableIO, TheDataFolderOfAPortableInstallation)
 
 // Damaged files: whatever the bytes, a load stays inside its buffers (the
 // sanitizer run checks that), and ends with a documented outcome.
-TEST(TableIODamage, ShortStreamsRepeatTheLastRecord)
-{
-    Table source(QStringLiteral("t"));
-    source.addColumn(QStringLiteral("key"), FieldType::Integer);
-    source.addColumn(QStringLiteral("id"), FieldType::Integer);
-    for (int id = 0; id < 3; ++id)
-        makeRow(source, {id, id}).append();
-    QByteArray bytes = save(source);
-    bytes.chop(9 + 4); // the last record and a bit of the one before it
-
-    Table target(QStringLiteral("t"));
-    target.addColumn(QStringLiteral("key"), FieldType::Integer);
-    target.addColumn(QStringLiteral("id"), FieldType::Integer);
-    load(target, bytes);
-    ASSERT_EQ(target.rowCount(), 3);
-    EXPECT_EQ(getInt(target.masterIndex()->at(1), 0), 1);
-    EXPECT_EQ(getInt(target.masterIndex()->at(2), 0), 1); // the buffer kept record 1's key
-}
-
 // Rows are read many at a time: a file of several chunks cut inside its last
 // record ends as a record-at-a-time read ends, and the spare null bits of a
 // record (set here by hand) are not carried into the table.
