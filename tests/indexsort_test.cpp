@@ -32,18 +32,9 @@ public:
 class IndexSortTest : public ::testing::Test
 {
 protected:
-    IndexSortTest()
-    {
-        table.addColumn(QStringLiteral("key"), FieldType::Integer);
-        table.addColumn(QStringLiteral("id"), FieldType::Integer);
-    }
+    IndexSortTest() { addKeyIdColumns(table); }
 
-    Record append(int key, int id)
-    {
-        const Record record = makeRow(table, {key, id});
-        record.append();
-        return record;
-    }
+    Record append(int key, int id) { return appendRow(table, {key, id}); }
 
     // A search key that is in no index.
     Record key(int value) { return makeRow(table, {value, -1}); }

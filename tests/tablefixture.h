@@ -31,6 +31,21 @@ inline Record makeRow(Table &table, std::initializer_list<int> values)
     return record;
 }
 
+// Columns "key" and "id", both Integer: the shape most index tests use.
+inline void addKeyIdColumns(Table &table)
+{
+    table.addColumn(QStringLiteral("key"), FieldType::Integer);
+    table.addColumn(QStringLiteral("id"), FieldType::Integer);
+}
+
+// makeRow, appended to the table.
+inline Record appendRow(Table &table, std::initializer_list<int> values)
+{
+    const Record record = makeRow(table, values);
+    record.append();
+    return record;
+}
+
 // A registered sorted index over integer column `keyColumn`.
 class IntKeyIndex : public IndexSort
 {

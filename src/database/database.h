@@ -13,9 +13,11 @@
 #include "fieldvalue.h"
 #include "fieldtype.h"
 #include "index.h"
+#include "indexdepend.h"
 #include "indexlimit.h"
 #include "indexlist.h"
 #include "indexsort.h"
+#include "indexvector.h"
 #include "masterindex.h"
 #include "masterindex_fast.h"
 #include "partitionlist.h"
@@ -23,6 +25,9 @@
 #include "recordstrans.h"
 #include "settings.h"
 #include "table.h"
+#include "tableindexrebuilder.h"
 #include "tableio.h"
+#include "tablejoin.h"
+#include "watchindex.h"
 
 #endif // DATABASE_DATABASE_H

@@ -73,102 +73,6 @@ int positionOf(const std::vector<RowPosition> &positions, const Record &record)
     return found != positions.end() && found->row == key.row ? found->position : -1;
 }
 
-// --- The buffer-less stable merge sort ---------------------------------------
-
-void reverse(Iterator first, Iterator last, int n)
-{
-    for (int i = 0; i < n / 2; ++i) {
-        --last;
-        swap(*first, *last);
-        ++first;
-    }
-}
-
-// Swaps the adjacent runs [first, middle) and [middle, last) by reversals.
-Iterator rotate(Iterator first, Iterator middle, Iterator last, int n1, int n2)
-{
-    if (n1 == 0)
-        return last;
-    if (n2 == 0)
-        return first;
-    reverse(first, middle, n1);
-    reverse(middle, last, n2);
-    reverse(first, last, n1 + n2);
-    return first + n2;
-}
-
-// The first of n elements from `first` that is not less than value.
-Iterator lowerBound(Iterator first, int n, const Record &value, const Less &less)
-{
-    while (n > 0) {
-        const int half = n / 2;
-        Iterator middle = first + half;
-        if (less(*middle, value)) {
-            first = ++middle;
-            n -= half + 1;
-        } else {
-            n = half;
-        }
-    }
-    return first;
-}
-
-// The first of n elements from `first` that value is less than.
-Iterator upperBound(Iterator first, int n, const Record &value, const Less &less)
-{
-    while (n > 0) {
-        const int half = n / 2;
-        Iterator middle = first + half;
-        if (less(value, *middle)) {
-            n = half;
-        } else {
-            first = ++middle;
-            n -= half + 1;
-        }
-    }
-    return first;
-}
-
-void mergeWithoutBuffer(Iterator first, Iterator middle, Iterator last, int n1, int n2, const Less &less)
-{
-    if (n1 == 0 || n2 == 0)
-        return;
-    if (n1 + n2 == 2) {
-        if (less(*middle, *first))
-            swap(*first, *middle);
-        return;
-    }
-    Iterator firstCut;
-    Iterator secondCut;
-    int n11;
-    int n22;
-    if (n1 > n2) {
-        n11 = n1 / 2;
-        firstCut = first + n11;
-        secondCut = lowerBound(middle, n2, *firstCut, less);
-        n22 = secondCut - middle;
-    } else {
-        n22 = n2 / 2;
-        secondCut = middle + n22;
-        firstCut = upperBound(first, n1, *secondCut, less);
-        n11 = firstCut - first;
-    }
-    const Iterator newMiddle = rotate(firstCut, middle, secondCut, n1 - n11, n22);
-    mergeWithoutBuffer(first, firstCut, newMiddle, n11, n22, less);
-    mergeWithoutBuffer(newMiddle, secondCut, last, n1 - n11, n2 - n22, less);
-}
-
-void mergeSort(Iterator first, Iterator last, int n, const Less &less)
-{
-    if (n < 2)
-        return;
-    const int half = n / 2;
-    const Iterator middle = first + half;
-    mergeSort(first, middle, half, less);
-    mergeSort(middle, last, n - half, less);
-    mergeWithoutBuffer(first, middle, last, half, n - half, less);
-}
-
 // Batches with at least this many additions sort them on the worker pool.
 constexpr size_t ParallelSortFrom = 32768;
 
@@ -698,7 +602,7 @@ void IndexSort::resort()
         return;
     const Less less{this};
     if (n < 512) {
-        mergeSort(m_list.mutableBegin(), m_list.mutableEnd(), n, less);
+        recordsort::mergeSort(m_list.mutableBegin(), m_list.mutableEnd(), n, less);
         return;
     }
 

@@ -38,6 +38,96 @@ using Less = IndexSort::LessThan;
 // blocks), so `less` must be callable from several threads at once.
 void stableSort(const std::vector<Segment> &segments, const Less &less, bool parallel);
 
+// --- The buffer-less stable merge sort ---------------------------------------
+// Works on any random-access iterator over records (a partition list's, a
+// vector's) and uses no memory beyond the recursion: the small-list sort of
+// the sorted index and the sort of the vector index.
+
+template <class Iterator>
+void reverse(Iterator first, Iterator last, int n)
+{
+    for (int i = 0; i < n / 2; ++i) {
+        --last;
+        swap(*first, *last);
+        ++first;
+    }
+}
+
+// Swaps the adjacent runs [first, middle) and [middle, last) by reversals.
+template <class Iterator>
+Iterator rotate(Iterator first, Iterator middle, Iterator last, int n1, int n2)
+{
+    if (n1 == 0)
+        return last;
+    if (n2 == 0)
+        return first;
+    reverse(first, middle, n1);
+    reverse(middle, last, n2);
+    reverse(first, last, n1 + n2);
+    return first + n2;
+}
+
+// The first of n elements from `first` that is not less than value (lower)
+// or that value is less than (upper).
+template <class Iterator, class LessThan>
+Iterator bound(Iterator first, int n, const Record &value, const LessThan &less, bool upper)
+{
+    while (n > 0) {
+        const int half = n / 2;
+        Iterator middle = first + half;
+        if (upper ? !less(value, *middle) : less(*middle, value)) {
+            first = ++middle;
+            n -= half + 1;
+        } else {
+            n = half;
+        }
+    }
+    return first;
+}
+
+template <class Iterator, class LessThan>
+void mergeWithoutBuffer(Iterator first, Iterator middle, Iterator last, int n1, int n2, const LessThan &less)
+{
+    if (n1 == 0 || n2 == 0)
+        return;
+    if (n1 + n2 == 2) {
+        if (less(*middle, *first))
+            swap(*first, *middle);
+        return;
+    }
+    Iterator firstCut;
+    Iterator secondCut;
+    int n11;
+    int n22;
+    if (n1 > n2) {
+        n11 = n1 / 2;
+        firstCut = first + n11;
+        secondCut = bound(middle, n2, *firstCut, less, false);
+        n22 = static_cast<int>(secondCut - middle);
+    } else {
+        n22 = n2 / 2;
+        secondCut = middle + n22;
+        firstCut = bound(first, n1, *secondCut, less, true);
+        n11 = static_cast<int>(firstCut - first);
+    }
+    const Iterator newMiddle = rotate(firstCut, middle, secondCut, n1 - n11, n22);
+    mergeWithoutBuffer(first, firstCut, newMiddle, n11, n22, less);
+    mergeWithoutBuffer(newMiddle, secondCut, last, n1 - n11, n2 - n22, less);
+}
+
+// Stable: split at n / 2, sort both halves, merge them in place.
+template <class Iterator, class LessThan>
+void mergeSort(Iterator first, Iterator last, int n, const LessThan &less)
+{
+    if (n < 2)
+        return;
+    const int half = n / 2;
+    const Iterator middle = first + half;
+    mergeSort(first, middle, half, less);
+    mergeSort(middle, last, n - half, less);
+    mergeWithoutBuffer(first, middle, last, half, n - half, less);
+}
+
 } // namespace recordsort
 
 #endif // DATABASE_RECORDSORT_P_H

@@ -6,6 +6,7 @@
 #include "table_p.h"
 
 #include <QtCore/QDebug>
+#include <QtCore/QThread>
 
 #include <cstdlib>
 #include <cstring>
@@ -583,14 +584,14 @@ void Table::beginUpdate()
     Q_D(Table);
     if (d->updateDepth.fetchAndAddOrdered(1) > 0)
         return;
-    const QList<Index *> dependents = d->dependentIndexes;
-    for (Index *index : dependents)
-        index->dependentBeginUpdate(this);
-    d->mutex.lock();
-    d->masterIndex->beginUpdate();
-    const QList<Index *> indexes = d->indexes;
-    for (Index *index : indexes)
-        index->beginUpdate();
+    if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
+        // Inside this thread's exclusive batch: the indexes have heard its
+        // beginning already.
+        d->mutex.lock();
+        d->updateInsideExclusive = true;
+        return;
+    }
+    openBatch();
 }
 
 void Table::endUpdate()
@@ -598,10 +599,55 @@ void Table::endUpdate()
     Q_D(Table);
     if (d->updateDepth.fetchAndSubOrdered(1) - 1 > 0)
         return;
+    if (d->updateInsideExclusive) {
+        d->updateInsideExclusive = false;
+        d->mutex.unlock();
+        return;
+    }
+    closeBatch();
+}
+
+bool Table::beginExclusiveUpdate()
+{
+    Q_D(Table);
+    if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
+        d->mutex.lock();
+        return false;
+    }
+    openBatch();
+    return true;
+}
+
+void Table::endExclusiveUpdate(bool opened)
+{
+    if (opened)
+        closeBatch();
+    else
+        d_func()->mutex.unlock();
+}
+
+void Table::openBatch()
+{
+    Q_D(Table);
+    const QList<Index *> dependents = d->dependentIndexes;
+    for (Index *index : dependents)
+        index->dependentBeginUpdate(this);
+    d->mutex.lock();
+    d->batchOwner.storeRelease(QThread::currentThreadId());
+    d->masterIndex->beginUpdate();
+    const QList<Index *> indexes = d->indexes;
+    for (Index *index : indexes)
+        index->beginUpdate();
+}
+
+void Table::closeBatch()
+{
+    Q_D(Table);
     // The master index hears beginUpdate but never endUpdate.
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->endUpdate();
+    d->batchOwner.storeRelease(nullptr);
     d->mutex.unlock();
     const QList<Index *> dependents = d->dependentIndexes;
     for (Index *index : dependents)

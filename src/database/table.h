@@ -280,6 +280,7 @@ protected:
     friend class TableUpdater;
     friend class TableLocker;
     friend class TableIO;
+    friend class TableJoin;
 
     // Only the outermost level acts: dependents hear dependentBeginUpdate,
     // the table locks, the master index and each index hear beginUpdate.
@@ -287,6 +288,15 @@ protected:
     // tells the dependents.
     void beginUpdate();
     void endUpdate();
+    // A batch that always excludes other writers, for a writer that cannot
+    // rely on batches being opened by one thread at a time (a join changing
+    // its main table from the thread that changes a dependent table). The
+    // outermost level acts as beginUpdate does but leaves the nesting count
+    // alone, so another thread's beginUpdate locks and waits instead of
+    // counting itself in. Inside a batch this thread already holds it only
+    // locks; the answer tells endExclusiveUpdate which of the two it did.
+    bool beginExclusiveUpdate();
+    void endExclusiveUpdate(bool opened);
     void lock();
     void unlock();
     void setIndexes(const QList<Index *> &indexes);
@@ -296,6 +306,9 @@ protected:
     }
 
 private:
+    void openBatch();
+    void closeBatch();
+
     Q_DECLARE_PRIVATE(Table)
     QScopedPointer<TablePrivate> d_ptr;
     // The column definitions' array, kept beside the private data so that

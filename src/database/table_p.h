@@ -13,6 +13,7 @@
 #include "columndef.h"
 
 #include <QtCore/QAtomicInt>
+#include <QtCore/QAtomicPointer>
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMap>
@@ -46,6 +47,13 @@ public:
     QMap<QString, int> columnMap;
     QRecursiveMutex mutex;
     QAtomicInt updateDepth = 0;
+    // The thread that holds the lock for a batch (an outermost beginUpdate
+    // or an exclusive batch), null between batches. Other threads only ever
+    // compare it with their own id.
+    QAtomicPointer<void> batchOwner = nullptr;
+    // A TableUpdater opened inside this thread's exclusive batch: it only
+    // locks, and its end only unlocks.
+    bool updateInsideExclusive = false;
 };
 
 #endif // DATABASE_TABLE_P_H
