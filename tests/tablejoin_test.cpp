@@ -1,5 +1,6 @@
 #include <database/core.h>
 #include <database/masterindex.h>
+#include <database/recordstrans.h>
 #include <database/tableindexrebuilder.h>
 #include <database/tableio.h>
 #include <database/tablejoin.h>
@@ -161,6 +162,24 @@ TEST_F(JoinTest, JoinedColumnsFollowEveryChangeOfEitherTable)
         }
     }
     expectJoined("instruments updated");
+    {
+        // A transaction applied on its own: updates, a new instrument for
+        // orders that had none, a removal.
+        RecordsTrans trans(&instruments);
+        for (int i = 0; i < 6; ++i) {
+            Record key(&instruments);
+            key.data(IBoard) = boardOf(i);
+            key.data(ICode) = QStringLiteral("C%1").arg(i < 5 ? i : 16);
+            RecordUpdater row(key, trans);
+            row.data(ILot) = 500 + i;
+            row.data(IName) = QStringLiteral("T%1").arg(i);
+        }
+        Record key(&instruments);
+        key.data(IBoard) = boardOf(1);
+        key.data(ICode) = QStringLiteral("C7");
+        RecordUpdater(key, trans).remove();
+    }
+    expectJoined("instruments through a transaction");
 
     watch.clear();
     const Record gone = instrument(3);
@@ -206,6 +225,16 @@ TEST_F(JoinTest, JoinedColumnsFollowEveryChangeOfEitherTable)
         }
     }
     expectJoined("order keys changed");
+    {
+        RecordsTrans trans(&orders);
+        for (int id = 1; id < 60; id += 3) {
+            Record key(&orders);
+            key.data(OId) = id;
+            RecordUpdater row(key, trans);
+            row.data(OCode) = QStringLiteral("C%1").arg(random() % 20);
+        }
+    }
+    expectJoined("order keys changed in a transaction");
 
     // Rebuilding either table's indexes after changes nobody heard of.
     {

@@ -95,6 +95,14 @@ QString notFound(const QString &column, const Table *table)
     return QStringLiteral("Column '%1' not found to join table '%2'.").arg(column, table->name());
 }
 
+// Whether an update names the columns it changed. New rows come with
+// (-1, -1) and transactions with an empty range (column count, -1): both
+// say nothing, so every column may have changed.
+bool knownRange(int firstColumn, int lastColumn)
+{
+    return firstColumn >= 0 && firstColumn <= lastColumn;
+}
+
 struct MainSlot
 {
     quint64 key;
@@ -544,7 +552,7 @@ void TableJoinMain::update(const Record &record, int firstColumn, int lastColumn
     if (m_join->d->refreshing)
         return;
     for (const auto &link : m_join->d->links) {
-        bool keyChanged = firstColumn < 0 || !link->mainSlots.contains(record.rowPtr());
+        bool keyChanged = !knownRange(firstColumn, lastColumn) || !link->mainSlots.contains(record.rowPtr());
         for (int i = 0; !keyChanged && i < link->mainKey.size(); ++i) {
             const int column = link->mainKey.at(i);
             keyChanged = column >= firstColumn && column <= lastColumn;
@@ -629,6 +637,19 @@ void TableJoinDep::remove(const Record &record, int)
     flushIfIdle(m_join->d.data(), m_link);
 }
 
+void TableJoinDep::process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn,
+                           int lastColumn, const QList<Record> &inserted)
+{
+    // One refill for the whole batch, also outside a batch of the table (a
+    // transaction applied without a TableUpdater).
+    {
+        ++m_link->batchDepth;
+        auto restore = qScopeGuard([&] { --m_link->batchDepth; });
+        Index::process(removed, updated, firstColumn, lastColumn, inserted);
+    }
+    flushIfIdle(m_join->d.data(), m_link);
+}
+
 bool TableJoinDep::filter(const Record &) const
 {
     return true;
@@ -642,7 +663,7 @@ bool TableJoinDep::contains(const Record &record) const
 void TableJoinDep::update(const Record &record, int firstColumn, int lastColumn, int)
 {
     // Columns that are neither key nor filled change nothing in the main rows.
-    if (firstColumn >= 0) {
+    if (knownRange(firstColumn, lastColumn)) {
         bool relevant = false;
         for (const QVector<int> *columns : {&m_link->depKey, &m_link->depFill}) {
             for (int column : *columns)

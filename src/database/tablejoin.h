@@ -157,6 +157,8 @@ public:
     // Every main row is refilled.
     void build() override;
     void add(const Record &record) override;
+    void process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn, int lastColumn,
+                 const QList<Record> &inserted) override;
     void remove(const Record &record, int position) override;
     bool filter(const Record &record) const override;
     bool contains(const Record &record) const override;
