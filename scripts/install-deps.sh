@@ -6,9 +6,9 @@
 # prints the command to run and fails.
 set -eu
 
-packages="g++ make cmake pkg-config qtbase5-dev zlib1g-dev libgtest-dev libbenchmark-dev"
+packages="g++ make cmake pkg-config qtbase5-dev zlib1g-dev libdw-dev libgtest-dev libbenchmark-dev"
 if [ "${1:-}" = "--peers" ]; then
-    packages="$packages libabsl-dev libsqlite3-dev libisal-dev"
+    packages="$packages libabsl-dev libsqlite3-dev libisal-dev libquantlib0-dev"
 fi
 
 missing=""

@@ -16,14 +16,32 @@ __attribute__((noinline)) void throwFrom(const QString &message)
 
 } // namespace
 
+// Neither exported nor visible to the dynamic linker: only the full symbol
+// table names it.
+static __attribute__((noinline)) void throwThroughStatic(const QString &message)
+{
+    throwFrom(message);
+    asm volatile("");
+}
+
 TEST(Exception, CarriesItsMessageThroughAThrow)
 {
     try {
-        throwFrom(QStringLiteral("Column name can't be empty."));
+        throwThroughStatic(QStringLiteral("Column name can't be empty."));
         FAIL() << "not thrown";
     } catch (const Exception &e) {
         EXPECT_EQ(e.message, QStringLiteral("Column name can't be empty."));
-        EXPECT_FALSE(e.stack.isEmpty());
+        // Every frame is named, static and anonymous-namespace functions
+        // included, innermost first.
+        ASSERT_GE(e.stack.size(), 4);
+        EXPECT_TRUE(e.stack[0].endsWith(QStringLiteral(" Exception::Exception(QString const&)")))
+            << e.stack[0].toStdString();
+        // (An optimised build may name a clone: "... [clone .constprop.0]".)
+        EXPECT_TRUE(e.stack[1].contains(QStringLiteral(" (anonymous namespace)::throwFrom(QString const&)")))
+            << e.stack[1].toStdString();
+        EXPECT_TRUE(e.stack[2].contains(QStringLiteral(" throwThroughStatic(QString const&)")))
+            << e.stack[2].toStdString();
+        EXPECT_NE(e.stack[1].mid(40, 18), e.stack[2].mid(40, 18)); // addresses differ too
     }
 }
 

@@ -2,13 +2,18 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtCore/QMutex>
+
+#include <elfutils/libdwfl.h>
 
 #include <cxxabi.h>
 #include <dlfcn.h>
 #include <execinfo.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <type_traits>
 
 Exception::Exception(const QString &message)
     : message(message)
@@ -41,6 +46,89 @@ QString demangled(const char *symbol)
     return result;
 }
 
+// Names code addresses the way a debugger does: from the full symbol tables
+// of the executable and of every loaded library (static and hidden
+// functions too), read through elfutils' libdwfl. libdw is opened at run
+// time, so a machine without it falls back to the dynamic symbols. One
+// session serves the whole process; a module loaded after it was made is
+// found by reporting the modules again.
+class Symbolizer
+{
+public:
+    static Symbolizer &instance()
+    {
+        static Symbolizer symbolizer;
+        return symbolizer;
+    }
+
+    // The start address and mangled name of the function holding `pc`;
+    // false when libdw is absent or knows no symbol there.
+    bool lookup(quintptr pc, quintptr *start, QByteArray *name)
+    {
+        QMutexLocker locker(&m_mutex);
+        if (!m_session)
+            return false;
+        Dwfl_Module *module = m_addrmodule(m_session, pc);
+        if (!module && report())
+            module = m_addrmodule(m_session, pc);
+        if (!module)
+            return false;
+        GElf_Off offset = 0;
+        GElf_Sym symbol;
+        const char *found = m_addrinfo(module, pc, &offset, &symbol, nullptr, nullptr, nullptr);
+        if (!found)
+            return false;
+        *start = pc - offset;
+        *name = found;
+        return true;
+    }
+
+private:
+    Symbolizer()
+    {
+        m_library = dlopen("libdw.so.1", RTLD_NOW | RTLD_LOCAL);
+        if (!m_library)
+            return;
+        const auto resolve = [this](auto &function, const char *symbol) {
+            function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(dlsym(m_library, symbol));
+            return function != nullptr;
+        };
+        bool ok = resolve(m_begin, "dwfl_begin") && resolve(m_reportBegin, "dwfl_report_begin")
+            && resolve(m_procReport, "dwfl_linux_proc_report") && resolve(m_reportEnd, "dwfl_report_end")
+            && resolve(m_addrmodule, "dwfl_addrmodule") && resolve(m_addrinfo, "dwfl_module_addrinfo")
+            && resolve(m_callbacks.find_elf, "dwfl_linux_proc_find_elf")
+            && resolve(m_callbacks.find_debuginfo, "dwfl_standard_find_debuginfo");
+        if (ok) {
+            m_callbacks.section_address = nullptr;
+            m_callbacks.debuginfo_path = &m_debuginfoPath;
+            m_session = m_begin(&m_callbacks);
+        }
+        if (m_session && !report())
+            m_session = nullptr; // left to the process's end, like the library
+    }
+
+    // The modules of this process, afresh.
+    bool report()
+    {
+        m_reportBegin(m_session);
+        const bool ok = m_procReport(m_session, getpid()) == 0;
+        m_reportEnd(m_session, nullptr, nullptr);
+        return ok;
+    }
+
+    QMutex m_mutex; // libdwfl sessions are not thread-safe
+    void *m_library = nullptr;
+    Dwfl *m_session = nullptr;
+    char *m_debuginfoPath = nullptr;
+    Dwfl_Callbacks m_callbacks{};
+    decltype(&dwfl_begin) m_begin = nullptr;
+    decltype(&dwfl_report_begin) m_reportBegin = nullptr;
+    decltype(&dwfl_linux_proc_report) m_procReport = nullptr;
+    decltype(&dwfl_report_end) m_reportEnd = nullptr;
+    decltype(&dwfl_addrmodule) m_addrmodule = nullptr;
+    decltype(&dwfl_module_addrinfo) m_addrinfo = nullptr;
+};
+
 } // namespace
 
 // Kept out of line so that it is a frame of its own, which is not shown.
@@ -68,9 +156,18 @@ __attribute__((noinline)) QStringList Exception::getStack()
     // keeps what the previous frame found.
     quintptr address = 0;
     QString name;
+    Symbolizer &symbolizer = Symbolizer::instance();
     for (int i = first; i < last; ++i) {
+        // A return address may already lie past its function (after a call
+        // that does not return): the call itself is one byte before it.
+        const quintptr pc = reinterpret_cast<quintptr>(frames[i]) - 1;
+        quintptr start = 0;
+        QByteArray symbol;
         Dl_info info;
-        if (dladdr(frames[i], &info) && info.dli_sname) {
+        if (symbolizer.lookup(pc, &start, &symbol)) {
+            address = start;
+            name = demangled(symbol.constData());
+        } else if (dladdr(reinterpret_cast<void *>(pc), &info) && info.dli_sname) {
             address = reinterpret_cast<quintptr>(info.dli_saddr);
             name = demangled(info.dli_sname);
         }

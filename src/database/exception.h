@@ -18,9 +18,12 @@
 // A stack line reads "%1 %2 0x%3 %4": the frame number (from 1, padded to 3),
 // the application name (padded to 35), the start address of the frame's
 // function (8 hex digits at least) and its demangled name. At most 31 frames
-// are kept; the capturing function itself is left out. Only symbols that the
-// dynamic linker can see are named: a frame it cannot name repeats the
-// previous frame's address and name (blank for the first).
+// are kept; the capturing function itself is left out. Frames are named
+// from the full symbol tables of the executable and its libraries (static
+// and hidden functions included) through libdw when it is installed, else
+// from the dynamic symbols only. A frame without a symbol repeats the
+// previous frame's address and name (blank for the first). Capturing costs
+// a few microseconds per frame (bench/exception_bench.cpp).
 class DATABASE_EXPORT Exception
 {
 public:
