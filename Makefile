@@ -28,7 +28,7 @@ demo: build
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# The workloads W1..W7 on a million rows, each repetition in a child process;
+# The workloads W1..W8 on a million rows, each repetition in a child process;
 # results in $(BUILD_DIR)/bench/results.tsv. WORKLOAD_ARGS passes options,
 # e.g. make bench WORKLOAD_ARGS="--n 200000 --filter W4".
 bench: build

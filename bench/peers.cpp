@@ -12,6 +12,7 @@
 #include <absl/container/btree_map.h>
 #include <absl/container/btree_set.h>
 #include <isa-l/crc64.h>
+#include <ql/pricingengines/blackformula.hpp>
 #include <sqlite3.h>
 #include <zlib.h>
 
@@ -475,6 +476,58 @@ Result fileW6(int n, bool gzip, bool save)
     return result;
 }
 
+// --- W8: option prices and implied volatilities ----------------------------
+
+// Black-76 without discounting on the C library's erfc: the loop a developer
+// writes first.
+double blackCall(const Quote &q, double sigma)
+{
+    const double s = sigma * std::sqrt(q.T);
+    const double d1 = (std::log(q.F / q.K) + 0.5 * s * s) / s;
+    return q.F * 0.5 * std::erfc(-d1 * M_SQRT1_2) - q.K * 0.5 * std::erfc(-(d1 - s) * M_SQRT1_2);
+}
+
+double blackPrice(const Quote &q)
+{
+    return blackCall(q, q.sigma);
+}
+
+double quantlibPrice(const Quote &q)
+{
+    return QuantLib::blackFormula(QuantLib::Option::Call, q.K, q.F, q.sigma * std::sqrt(q.T));
+}
+
+double quantlibImplied(const Quote &q, double price)
+{
+    try {
+        return QuantLib::blackFormulaImpliedStdDev(QuantLib::Option::Call, q.K, q.F, price, 1.0, 0.0,
+                                                   QuantLib::Null<QuantLib::Real>(), 1e-8, 100)
+            / std::sqrt(q.T);
+    } catch (const std::exception &) {
+        return -1;
+    }
+}
+
+// Newton's method on the exact vega from 50%, as plain as it gets.
+double newtonImplied(const Quote &q, double price)
+{
+    const double sqrtT = std::sqrt(q.T);
+    double sigma = 0.5;
+    for (int i = 0; i < 100; ++i) {
+        const double diff = blackCall(q, sigma) - price;
+        if (std::fabs(diff) <= 1e-8)
+            return sigma;
+        const double d1 = (std::log(q.F / q.K) + 0.5 * sigma * sigma * q.T) / (sigma * sqrtT);
+        const double vega = q.F * sqrtT * std::exp(-0.5 * d1 * d1) / std::sqrt(2 * M_PI);
+        if (vega <= 1e-12)
+            return -1;
+        sigma -= diff / vega;
+        if (sigma <= 0)
+            return -1;
+    }
+    return -1;
+}
+
 std::vector<Entry> peerEntries()
 {
     return {
@@ -501,6 +554,12 @@ std::vector<Entry> peerEntries()
                  return crc64_ecma_norm(0, reinterpret_cast<const unsigned char *>(data), size);
              });
          }},
+        {"W8-price", "black76 erfc", "prices", [](int n) { return pricingRun(n, blackPrice); }},
+        {"W8-price", "quantlib", "prices", [](int n) { return pricingRun(n, quantlibPrice); }},
+        {"W8-implied", "quantlib", "volatilities",
+         [](int n) { return impliedRun(n / ImpliedShare, blackPrice, quantlibImplied); }},
+        {"W8-implied", "plain newton", "volatilities",
+         [](int n) { return impliedRun(n / ImpliedShare, blackPrice, newtonImplied); }},
     };
 }
 

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -73,6 +75,69 @@ std::vector<std::int64_t> lookups(int n)
     for (std::int64_t &key : result)
         key = keyOf(random.below(static_cast<std::uint64_t>(n)) + 1);
     return result;
+}
+
+std::vector<Quote> quotes(int count)
+{
+    SplitMix64 random(Pricing);
+    std::vector<Quote> result(static_cast<size_t>(count));
+    for (Quote &q : result) {
+        q.F = 50 + 100 * random.unit();
+        q.T = 7.0 / 365 + (2 - 7.0 / 365) * random.unit();
+        q.sigma = 0.1 + 0.7 * random.unit();
+        q.K = q.F * std::exp((-2 + 4 * random.unit()) * q.sigma * std::sqrt(q.T));
+    }
+    return result;
+}
+
+namespace {
+
+using PricingClock = std::chrono::steady_clock;
+
+double secondsSince(PricingClock::time_point start)
+{
+    return std::chrono::duration<double>(PricingClock::now() - start).count();
+}
+
+} // namespace
+
+Result pricingRun(int count, const std::function<double(const Quote &)> &price)
+{
+    const std::vector<Quote> all = quotes(count);
+    const auto start = PricingClock::now();
+    double sum = 0;
+    for (const Quote &q : all)
+        sum += price(q);
+    const double seconds = secondsSince(start);
+    char check[48];
+    std::snprintf(check, sizeof check, "sum %.6f", sum);
+    return {seconds, static_cast<double>(count), check};
+}
+
+Result impliedRun(int count, const std::function<double(const Quote &)> &price,
+                  const std::function<double(const Quote &, double price)> &implied)
+{
+    const std::vector<Quote> all = quotes(count);
+    std::vector<double> prices;
+    prices.reserve(all.size());
+    for (const Quote &q : all)
+        prices.push_back(price(q));
+    std::vector<double> answers(all.size());
+    const auto start = PricingClock::now();
+    for (size_t i = 0; i < all.size(); ++i)
+        answers[i] = implied(all[i], prices[i]);
+    const double seconds = secondsSince(start);
+    double worst = 0;
+    int failed = 0;
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (answers[i] < 0)
+            ++failed;
+        else
+            worst = std::max(worst, std::fabs(answers[i] - all[i].sigma));
+    }
+    char check[64];
+    std::snprintf(check, sizeof check, "max error %.1e, failed %d", worst, failed);
+    return {seconds, static_cast<double>(count), check};
 }
 
 std::vector<std::vector<Change>> batches(int n, std::vector<Row> &inserted)

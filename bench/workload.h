@@ -1,4 +1,4 @@
-// The shared workloads W1..W7: a data generator that any store can replay,
+// The shared workloads W1..W8: a data generator that any store can replay,
 // and the harness that times each run in a child process of its own.
 //
 // Anyone can run the same operations with another store: the generator is
@@ -119,6 +119,16 @@ constexpr int BatchUpdates = 4000, BatchInserts = 3000, BatchRemovals = 3000;
 // from the rows stream after the first n.
 std::vector<std::vector<Change>> batches(int n, std::vector<Row> &inserted);
 
+// W8: option quotes on a futures price F, with time to expiry T in years,
+// volatility sigma (a fraction) and strike K, drawn in this order.
+struct Quote
+{
+    double F, T, sigma, K;
+};
+std::vector<Quote> quotes(int count);
+// W8 prices n quotes and finds the implied volatility of n / 10.
+constexpr int ImpliedShare = 10;
+
 // The order-independent digest W4 prints: rows, the sum of prices in cents,
 // and the sum over rows of mix(key * 31 + cents).
 struct Digest
@@ -135,6 +145,16 @@ struct Digest
     }
     std::string text() const;
 };
+
+struct Result;
+// W8: the timed loop of `price` over the first `count` quotes; the check is
+// the sum of the prices.
+Result pricingRun(int count, const std::function<double(const Quote &)> &price);
+// W8: the implied volatility (a fraction) of each quote's price, the prices
+// worked out untimed by `price`; the check is the largest error against the
+// quote's volatility and the number of failures (answers below 0).
+Result impliedRun(int count, const std::function<double(const Quote &)> &price,
+                  const std::function<double(const Quote &, double price)> &implied);
 
 // One timed run: seconds of the measured part, items processed, and a check
 // text that must agree between stores (a sum, a digest).

@@ -5,6 +5,7 @@
 #include <database/checksum.h>
 #include <database/indexsort.h>
 #include <database/masterindex_fast.h>
+#include <database/optionpricing.h>
 #include <database/recordstrans.h>
 #include <database/table.h>
 #include <database/tableio.h>
@@ -16,6 +17,7 @@
 #include <QtCore/QFileInfo>
 
 #include <chrono>
+#include <cmath>
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
@@ -380,6 +382,20 @@ Result checksumRun(const std::function<std::uint64_t(const char *, std::size_t)>
     return {seconds, static_cast<double>(size), check};
 }
 
+VolatInputParams optionOf(const Quote &q)
+{
+    VolatInputParams p{};
+    p.strike = q.K;
+    p.underlyingPrice = q.F;
+    p.sqrtTime = std::sqrt(q.T);
+    return p;
+}
+
+double callPrice(const Quote &q)
+{
+    return theorPriceCallPut(optionOf(q), q.sigma).first;
+}
+
 std::vector<Entry> databaseEntries()
 {
     return {
@@ -400,6 +416,14 @@ std::vector<Entry> databaseEntries()
         {"W7", "database", "bytes",
          [](int) {
              return checksumRun([](const char *data, std::size_t size) { return qChecksum64Update(0, data, size); });
+         }},
+        {"W8-price", "database", "prices", [](int n) { return pricingRun(n, callPrice); }},
+        {"W8-implied", "database", "volatilities",
+         [](int n) {
+             return impliedRun(n / ImpliedShare, callPrice, [](const Quote &q, double price) {
+                 return volatByTheorPrice(optionOf(q), false, price, 0, VolatMinDefault, VolatMaxDefault, 1e-8, 1e-6)
+                     / 100;
+             });
          }},
     };
 }

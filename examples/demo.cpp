@@ -1,6 +1,7 @@
 // A tour of the library for a new client module: exact decimals, wall-clock
 // date-times, a keyed table kept current through transactions with a sorted
-// index over it, and the 64-bit checksum.
+// index over it, the 64-bit checksum, and a small option chain priced and
+// its implied volatilities recovered.
 
 #include <database/database.h>
 
@@ -9,6 +10,8 @@
 #include <QtCore/QFileInfo>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QTextStream>
+
+#include <cmath>
 
 namespace {
 
@@ -160,6 +163,35 @@ void checksums()
           << "\n";
 }
 
+// A small chain on one futures price: each strike priced on a smile, and the
+// volatility recovered from the price.
+void optionChain()
+{
+    out() << "== Option chain ==\n";
+    VolatInputParams p{};
+    p.underlyingPrice = 100;
+    p.sqrtTime = std::sqrt(30.0 / 365);
+    p.curveA = 25; // 25% at the money, rising to both sides, skewed down
+    p.curveB = 10;
+    p.curveC = 0.5;
+    p.curveD = -5;
+    p.curveE = 1;
+    p.volatMin = VolatMinDefault;
+    p.volatMax = VolatMaxDefault;
+    out() << "strike   smile %     call      put   implied %   error\n";
+    for (double strike = 80; strike <= 120; strike += 5) {
+        p.strike = strike;
+        VolatOutputParams prices{};
+        calcVolatParams(prices, p, -1); // -1: the smile's volatility
+        const double smile = volatByCurve(p);
+        const bool put = strike < p.underlyingPrice; // the out-of-the-money side
+        const double implied = volatByTheorPrice(p, put, put ? prices.pricePut : prices.priceCall, 0,
+                                                 VolatMinDefault, VolatMaxDefault, 1e-10, 1e-8);
+        out() << QString::asprintf("%6.1f %8.3f %8.4f %8.4f %11.5f %7.0e\n", strike, smile, prices.priceCall,
+                                   prices.pricePut, implied, implied - smile);
+    }
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -171,5 +203,6 @@ int main(int argc, char *argv[])
     datetimes();
     tables();
     checksums();
+    optionChain();
     return 0;
 }

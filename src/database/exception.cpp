@@ -2,16 +2,19 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtCore/QHash>
 #include <QtCore/QMutex>
 
 #include <elfutils/libdwfl.h>
 
 #include <cxxabi.h>
 #include <dlfcn.h>
+#include <link.h>
 #include <execinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <type_traits>
 
@@ -61,26 +64,42 @@ public:
         return symbolizer;
     }
 
-    // The start address and mangled name of the function holding `pc`;
+    // The start address and demangled name of the function holding `pc`;
     // false when libdw is absent or knows no symbol there.
-    bool lookup(quintptr pc, quintptr *start, QByteArray *name)
+    bool lookup(quintptr pc, quintptr *start, QString *name)
     {
         QMutexLocker locker(&m_mutex);
         if (!m_session)
             return false;
+        // libdwfl scans a module's symbol table for each address: answers
+        // are kept, so that a throw in a loop pays for its frames once.
+        const auto known = m_known.constFind(pc);
+        if (known != m_known.constEnd()) {
+            *start = known->start;
+            *name = known->name;
+            return !known->name.isNull();
+        }
         Dwfl_Module *module = m_addrmodule(m_session, pc);
-        if (!module && report())
-            module = m_addrmodule(m_session, pc);
-        if (!module)
-            return false;
+        if (!module && modulesChanged()) {
+            // What was learnt of unloaded libraries may be wrong now.
+            m_known.clear();
+            if (report())
+                module = m_addrmodule(m_session, pc);
+        }
+        Symbol symbol;
         GElf_Off offset = 0;
-        GElf_Sym symbol;
-        const char *found = m_addrinfo(module, pc, &offset, &symbol, nullptr, nullptr, nullptr);
-        if (!found)
-            return false;
-        *start = pc - offset;
-        *name = found;
-        return true;
+        GElf_Sym elfSymbol;
+        const char *found = module ? m_addrinfo(module, pc, &offset, &elfSymbol, nullptr, nullptr, nullptr) : nullptr;
+        if (found) {
+            symbol.start = pc - offset;
+            symbol.name = demangled(found);
+        }
+        if (m_known.size() >= MaxKnown)
+            m_known.clear();
+        m_known.insert(pc, symbol);
+        *start = symbol.start;
+        *name = symbol.name;
+        return found != nullptr;
     }
 
 private:
@@ -105,6 +124,35 @@ private:
         }
         if (m_session && !report())
             m_session = nullptr; // left to the process's end, like the library
+        modulesChanged();
+    }
+
+    struct Symbol
+    {
+        quintptr start = 0;
+        QString name; // null: no symbol
+    };
+    enum { MaxKnown = 65536 };
+
+    // Whether libraries were loaded or unloaded since the last report: the
+    // dynamic linker counts both.
+    bool modulesChanged()
+    {
+        unsigned long long counts[2] = {0, 0};
+        dl_iterate_phdr(
+            [](dl_phdr_info *info, size_t size, void *data) {
+                auto *out = static_cast<unsigned long long *>(data);
+                if (size >= offsetof(dl_phdr_info, dlpi_subs) + sizeof info->dlpi_subs) {
+                    out[0] = info->dlpi_adds;
+                    out[1] = info->dlpi_subs;
+                }
+                return 1;
+            },
+            counts);
+        const bool changed = counts[0] != m_adds || counts[1] != m_subs;
+        m_adds = counts[0];
+        m_subs = counts[1];
+        return changed;
     }
 
     // The modules of this process, afresh.
@@ -127,6 +175,9 @@ private:
     decltype(&dwfl_report_end) m_reportEnd = nullptr;
     decltype(&dwfl_addrmodule) m_addrmodule = nullptr;
     decltype(&dwfl_module_addrinfo) m_addrinfo = nullptr;
+    unsigned long long m_adds = 0;
+    unsigned long long m_subs = 0;
+    QHash<quintptr, Symbol> m_known;
 };
 
 } // namespace
@@ -162,11 +213,11 @@ __attribute__((noinline)) QStringList Exception::getStack()
         // that does not return): the call itself is one byte before it.
         const quintptr pc = reinterpret_cast<quintptr>(frames[i]) - 1;
         quintptr start = 0;
-        QByteArray symbol;
+        QString symbol;
         Dl_info info;
         if (symbolizer.lookup(pc, &start, &symbol)) {
             address = start;
-            name = demangled(symbol.constData());
+            name = symbol;
         } else if (dladdr(reinterpret_cast<void *>(pc), &info) && info.dli_sname) {
             address = reinterpret_cast<quintptr>(info.dli_saddr);
             name = demangled(info.dli_sname);
