@@ -344,6 +344,17 @@ TEST(TableIO, FoldersPlainAndCompressed)
     makeRow(absent, {}).append();
     TableIO(&absent).read(dir, false);
     EXPECT_EQ(absent.rowCount(), 1);
+
+    // A save that cannot complete (here the gzip name is taken by a folder)
+    // leaves the previous file as it was.
+    QFile::remove(gzPath);
+    const QByteArray before = save(other);
+    ASSERT_TRUE(dir.mkdir(QStringLiteral("quotes.gz")));
+    Settings(QStringLiteral("Database")).setValue(QStringLiteral("compressed"), true);
+    io.write(dir);
+    ASSERT_TRUE(plain.open(QIODevice::ReadOnly));
+    EXPECT_EQ(plain.readAll(), before);
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files), QStringList({"quotes"})); // no temporary left
     Settings(QStringLiteral("Database")).remove(QStringLiteral("compressed"));
 }
 
@@ -483,4 +494,67 @@ TEST(TableIODamage, RandomCorruptionNeverCrashes)
         ASSERT_LE(target.rowCount(), 2 + 65536);
     }
     EXPECT_GT(exceptions, 0);
+}
+
+namespace {
+
+// A one-column header: a String column "s" of the given length, no rows.
+QByteArray stringColumnFile(qint32 length)
+{
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    stream << qint16(1) << QStringLiteral("s") << QString() << QString() << length << qint8(FieldType::String)
+           << qint32(0) << qint32(0) << true << true << qint32(0) << qint32(0) << qint32(0);
+    return bytes;
+}
+
+} // namespace
+
+TEST(TableIO, StringLengthsARowCannotHoldAreRefused)
+{
+    const struct
+    {
+        qint32 length;
+        const char *message;
+    } cases[] = {
+        {-1, "Column 's' of table 'saved' can't hold a string of length -1."},
+        {0, "Length of string can't be zero"},
+        {1500000000, "Column 's' of table 'saved' can't hold a string of length 1500000000."},
+        {Table::maxStringLength, "Column 's' would make the rows of table 'saved' longer than 67108864 bytes."},
+    };
+    for (const auto &c : cases) {
+        Table table(QStringLiteral("t"));
+        table.addColumn(QStringLiteral("n"), FieldType::Integer);
+        IntKeyIndex index(&table);
+        appendRow(table, {1});
+        try {
+            load(table, stringColumnFile(c.length));
+            ADD_FAILURE() << c.length;
+        } catch (const Exception &e) {
+            EXPECT_EQ(e.message, QString::fromLatin1(c.message));
+        }
+        EXPECT_EQ(table.rowCount(), 0); // cleared, as the refused load leaves it
+        EXPECT_EQ(table.indexes(), QList<Index *>({&index}));
+    }
+    // The largest string a row can hold is taken.
+    Table wide(QStringLiteral("wide"));
+    wide.addColumn(QStringLiteral("s"), FieldType::String, Table::maxStringLength - 8);
+    EXPECT_EQ(wide.rowSize(), 4 + 2ull * (Table::maxStringLength - 8) + 1);
+}
+
+TEST(TableIO, ThousandsOfColumnsLoadInLinearTime)
+{
+    // 32,767 columns took minutes when each addition rescanned the others.
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    stream << qint16(32767);
+    for (int i = 0; i < 32767; ++i)
+        stream << QStringLiteral("c%1").arg(i) << QString() << QString() << qint32(0) << qint8(FieldType::Integer)
+               << qint32(0) << qint32(0) << true << true;
+    stream << qint32(0) << qint32(0) << qint32(0);
+    Table table(QStringLiteral("t"));
+    load(table, bytes, true);
+    ASSERT_EQ(table.columnCount(), 32767);
+    EXPECT_EQ(table.columnDef(32766).nullByteOffset, 4ull * 32767 + 32766 / 8);
+    EXPECT_EQ(table.columnDef(9).nullMask, 1 << 1);
 }

@@ -12,6 +12,8 @@
 #include <cstring>
 
 const int Table::base = 4;
+const unsigned long long Table::maxRowSize = 64ull << 20;
+const int Table::maxStringLength = 32 << 20;
 const Record Record::null;
 
 // Rows come from the C heap: its blocks are aligned well past the 8 bytes a
@@ -64,6 +66,7 @@ void TablePrivate::cacheColumn(const QString &columnName)
     const int number = columns.size();
     columnHash.insert(columnName, number);
     columnMap.insert(columnName, number);
+    foldedNames.insert(columnName.toCaseFolded(), number);
 }
 
 int TablePrivate::columnIndex(const QString &columnName) const
@@ -208,14 +211,21 @@ void Table::addColumn(const TableColumnDef &def)
     if (def.name.isEmpty())
         throw Exception(QStringLiteral("Column name can't be empty."));
 
-    // The duplicate test ignores case although lookups do not.
-    for (const TableColumnDef *existing : qAsConst(d->columns)) {
-        if (QString::compare(existing->name, def.name, Qt::CaseInsensitive) != 0)
-            continue;
+    // The duplicate test ignores case although lookups do not. At most one
+    // existing name folds alike: a second one would have been refused.
+    const auto same = d->foldedNames.constFind(def.name.toCaseFolded());
+    if (same != d->foldedNames.constEnd()) {
+        const TableColumnDef *existing = d->columns.at(same.value());
         if (FieldType::typeLessThan(def.type, def.length, existing->type, existing->length))
             return;
         throw Exception(QStringLiteral("Column '%1' already exists for table '%2'.").arg(def.name, d->name));
     }
+    // A length a row cannot hold (from a damaged file, say) never reaches
+    // the layout, where it would size every row and buffer.
+    if (def.type == FieldType::String && (def.length < 0 || def.length > maxStringLength))
+        throw Exception(QStringLiteral("Column '%1' of table '%2' can't hold a string of length %3.")
+                            .arg(def.name, d->name)
+                            .arg(def.length));
 
     QScopedPointer<TableColumnDef> column(new TableColumnDef(this));
     column->type = def.type;
@@ -233,6 +243,10 @@ void Table::addColumn(const TableColumnDef &def)
     const unsigned long long oldRowSize = d->rowSize;
     const unsigned long long newRowSize = 4 + (oldRowLength + column->size)
         + static_cast<unsigned long long>((oldColumnCount + 8) / 8);
+    if (newRowSize > maxRowSize)
+        throw Exception(QStringLiteral("Column '%1' would make the rows of table '%2' longer than %3 bytes.")
+                            .arg(def.name, d->name)
+                            .arg(maxRowSize));
 
     // Every row is reallocated: take the rows out of all indexes first.
     QList<unsigned char *> rows;
@@ -271,8 +285,8 @@ void Table::addColumn(const TableColumnDef &def)
     m_columnDefs = &d->columns.at(0); // pointers are stored in place, contiguously
     d->rowLength += d->columns.last()->size;
     d->rowSize = newRowSize;
-    for (int k = 0; k < d->columns.size(); ++k)
-        d->columns[k]->update(d->rowLength, k);
+    if (d->layoutDeferred == 0)
+        updateNullLayout();
 
     for (unsigned char *row : qAsConst(rows)) {
         d->masterIndex->add(Record(this, row));
@@ -577,6 +591,23 @@ void Table::build()
     const QList<Index *> indexes = d_func()->indexes;
     for (Index *index : indexes)
         index->build();
+}
+
+void Table::updateNullLayout()
+{
+    Q_D(Table);
+    for (int k = 0; k < d->columns.size(); ++k)
+        d->columns[k]->update(d->rowLength, k);
+}
+
+void Table::deferNullLayout(bool defer)
+{
+    Q_D(Table);
+    if (defer) {
+        ++d->layoutDeferred;
+    } else if (--d->layoutDeferred == 0) {
+        updateNullLayout();
+    }
 }
 
 void Table::beginUpdate()

@@ -169,6 +169,10 @@ class DATABASE_EXPORT Table : public QObject
 public:
     // Offset of the data area in a row block: the reference count comes first.
     static const int base;
+    // The longest row (64 MiB) and string column (32 Mi units) a table takes;
+    // addColumn refuses what would exceed them.
+    static const unsigned long long maxRowSize;
+    static const int maxStringLength;
 
     // One position per ordinary index, in index order: where a record stood
     // before it changed (see buildKeeper).
@@ -189,7 +193,9 @@ public:
     // be empty."), an undefined type or zero-length string, and a name that
     // exists (compared case-insensitively) with a declaration that cannot
     // hold the new one ("Column '%1' already exists for table '%2'."); a
-    // declaration the existing column can hold is a silent no-op. Adding a
+    // declaration the existing column can hold is a silent no-op. A String
+    // length below 0 or above maxStringLength, or a column that would make
+    // rows longer than maxRowSize, throws Exception naming the column. Adding a
     // column to a table with rows reallocates every row: Records and Fields
     // held outside the table's indexes are left dangling (with a warning).
     int columnCount() const;
@@ -300,6 +306,10 @@ protected:
     void lock();
     void unlock();
     void setIndexes(const QList<Index *> &indexes);
+    // Many columns added to a rowless table in a row: the null-bit layout of
+    // every column is worked out once, when the outermost call ends, instead
+    // of once per column.
+    void deferNullLayout(bool defer);
     Field dataPtr(unsigned char *row, int column) const
     {
         return Field(m_columnDefs[column], row + base);
@@ -308,6 +318,7 @@ protected:
 private:
     void openBatch();
     void closeBatch();
+    void updateNullLayout();
 
     Q_DECLARE_PRIVATE(Table)
     QScopedPointer<TablePrivate> d_ptr;

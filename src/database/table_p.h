@@ -45,6 +45,11 @@ public:
     // tables, a hash for wide ones.
     QHash<QString, int> columnHash;
     QMap<QString, int> columnMap;
+    // Case-folded names, for the duplicate test of addColumn.
+    QHash<QString, int> foldedNames;
+    // While above 0, addColumn leaves the null-bit layout of the earlier
+    // columns to be worked out once at the end (rowless tables only).
+    int layoutDeferred = 0;
     QRecursiveMutex mutex;
     QAtomicInt updateDepth = 0;
     // The thread that holds the lock for a batch (an outermost beginUpdate

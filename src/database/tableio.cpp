@@ -11,6 +11,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QSaveFile>
 #include <QtCore/QScopeGuard>
 
 #include <cstring>
@@ -278,15 +279,21 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     qint16 columnCount = 0;
     stream >> columnCount;
     Table saved(QStringLiteral("saved"));
-    for (int i = 0; i < columnCount; ++i) {
-        TableColumnDef def(&saved);
-        def.read(stream);
-        saved.addColumn(def);
+    {
+        saved.deferNullLayout(true);
+        auto layout = qScopeGuard([&] { saved.deferNullLayout(false); });
+        for (int i = 0; i < columnCount; ++i) {
+            TableColumnDef def(&saved);
+            def.read(stream);
+            saved.addColumn(def);
+        }
     }
     qint32 rowCount = 0, rowLength = 0, recordLength = 0;
     stream >> rowCount >> rowLength >> recordLength;
 
     if (addMissingColumns && columnCount > 0) {
+        m_table->deferNullLayout(true); // the table is empty here
+        auto layout = qScopeGuard([&] { m_table->deferNullLayout(false); });
         for (const TableColumnDef *def : saved.fieldDefs()) {
             if (m_table->columnIndex(def->name) != -1 || dropped(def->name, convertors))
                 continue;
@@ -388,29 +395,35 @@ void TableIO::write(const QDir &dir)
 {
     const QString path = fileName(dir);
     const bool compressed = Settings(QStringLiteral("Database")).value(QStringLiteral("compressed"), false).toBool();
-    QFile file;
+    const QString gzPath = path + QStringLiteral(".gz");
+    // Written beside its final name and renamed over it only when complete,
+    // so a failed or killed save leaves the previous file as it was; the
+    // file of the other kind goes only once the new one stands.
+    QSaveFile file(compressed ? gzPath : path);
+    if (!file.open(QIODevice::WriteOnly))
+        return;
     std::unique_ptr<QtIOCompressor> compressor;
     QDataStream stream;
     if (compressed) {
-        if (QFile::exists(path))
-            QFile::remove(path);
-        file.setFileName(path + QStringLiteral(".gz"));
         compressor.reset(new QtIOCompressor(&file, 6, 65500));
         compressor->setStreamFormat(QtIOCompressor::GzipFormat);
-        if (compressor->open(QIODevice::WriteOnly))
-            stream.setDevice(compressor.get());
+        if (!compressor->open(QIODevice::WriteOnly)) {
+            file.cancelWriting();
+            return;
+        }
+        stream.setDevice(compressor.get());
     } else {
-        if (QFile::exists(path + QStringLiteral(".gz")))
-            QFile::remove(path + QStringLiteral(".gz"));
-        file.setFileName(path);
-        if (file.open(QIODevice::WriteOnly))
-            stream.setDevice(&file);
+        stream.setDevice(&file);
     }
-    if (stream.device())
-        write(stream, true);
+    write(stream, true);
     stream.setDevice(nullptr);
-    compressor.reset();
-    file.close();
+    if (compressor)
+        compressor->close(); // the file stays open: the compressor did not open it
+    if (!file.commit())
+        return;
+    const QString other = compressed ? path : gzPath;
+    if (QFile::exists(other))
+        QFile::remove(other);
 }
 
 void TableIO::read(const QDir &dir, bool addMissingColumns)

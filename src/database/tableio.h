@@ -83,7 +83,10 @@ public:
     // With withRows false, the header still carries the real row count.
     void write(QDataStream &stream, bool withRows);
     // Writes the file, or the file + ".gz" when the setting "compressed" of
-    // group "Database" is true, and removes the other one.
+    // group "Database" is true, and removes the other one. Atomic: the new
+    // file replaces the old one only once it is complete, so a save that
+    // fails (or a process killed during it) leaves the previous files as
+    // they were.
     void write(const QDir &dir);
 
     // Reads a table stream into the table. A stream at its end leaves the
@@ -93,8 +96,9 @@ public:
     //
     // Damaged input: whatever the bytes, the read stays inside its buffers.
     //   - A column record the schema refuses (empty name, undefined type,
-    //     zero-length string, clashing duplicate) throws that Exception, with
-    //     the table cleared and its indexes attached.
+    //     a string length below 1 or beyond Table::maxStringLength, a row
+    //     longer than Table::maxRowSize, clashing duplicate) throws that
+    //     Exception, with the table cleared and its indexes attached.
     //   - A record length smaller than the stored layout needs is read into a
     //     zero-filled buffer of the layout's size; bytes beyond the layout are
     //     skipped. A negative record length reads as zero.
