@@ -265,6 +265,12 @@ TEST(Decimal, FromStringAcceptsTheThreeShapes)
         {"15e-2", 15, -2}, // 1500
         {"-1.5e2", -15, 1},
         {"+2.50e3", 250, 1},
+        // Beyond the 57-bit mantissa, as few trailing zeros as it takes
+        // become a negative scale: toString writes 1 at scale -64 so.
+        {"1" "0000000000" "0000000000" "0000000000" "0000000000" "0000000000" "0000000000" "0000", 10000000000000000,
+         -48},
+        {"-5" "0000000000" "0000000000", -50000000000000000, -4},
+        {"1000000000000000000", 10000000000000000, -2}, // fits 64 bits but not the mantissa
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text);
@@ -272,6 +278,29 @@ TEST(Decimal, FromStringAcceptsTheThreeShapes)
         EXPECT_EQ(d.value(), c.mantissa);
         EXPECT_EQ(d.scale(), c.scale);
         EXPECT_TRUE(decimal(QString::fromLatin1(c.text)).isEqual(d));
+    }
+}
+
+TEST(Decimal, EveryWrittenTextReadsBack)
+{
+    // Extremes that used to overflow while parsing: they wrap, as the
+    // arithmetic does (the sanitizer build checks there is no overflow).
+    EXPECT_NO_THROW(decimal::fromString(QStringLiteral("-922337203685477580.8")));
+    EXPECT_NO_THROW(decimal::fromString(QStringLiteral("1.5e-2147483648")));
+
+    const long long mantissas[] = {0, 1, -1, 5, 123456789, (1LL << 53) - 1, (1LL << 55) + 3, -(1LL << 55)};
+    for (short scale = -64; scale <= 63; ++scale) {
+        for (long long m : mantissas) {
+            const decimal d(m, scale);
+            // Above 2^53 a positive scale writes through double: compare
+            // with what the text says, not with the mantissa.
+            const QString text = d.toString();
+            SCOPED_TRACE(text.toStdString());
+            const decimal back = decimal::fromString(text);
+            EXPECT_EQ(back.toString(), text);
+            if (scale <= 0 || m < (1LL << 53))
+                EXPECT_EQ(back.compare(d), 0);
+        }
     }
 }
 

@@ -23,6 +23,17 @@ inline long long wrapAdd(long long a, long long b)
     return static_cast<long long>(static_cast<unsigned long long>(a) + static_cast<unsigned long long>(b));
 }
 
+inline bool fitsMantissa(long long m)
+{
+    return m >= -(1LL << 56) && m < (1LL << 56);
+}
+
+// 0 - a without overflow: the smallest value stays itself.
+inline long long wrapNegate(long long a)
+{
+    return static_cast<long long>(0ull - static_cast<unsigned long long>(a));
+}
+
 // The five accepted shapes of a number, each matched against the whole text
 // (\d is any Unicode decimal digit, as in the regular expressions they were
 // first written as):
@@ -315,8 +326,26 @@ QString decimal::toSystemStringShort() const
 
 decimal decimal::fromString(const QString &text)
 {
-    if (matchInteger(text))
-        return decimal(parseLongLong(text.midRef(0), text), 0);
+    if (matchInteger(text)) {
+        bool ok = false;
+        const long long whole = text.toLongLong(&ok, 10);
+        if (ok && fitsMantissa(whole))
+            return decimal(whole, 0);
+        // A mantissa holds 57 bits: trailing zeros of a longer number become
+        // a negative scale (down to -64), which is how toString writes such
+        // values.
+        for (int zeros = 1; zeros <= 64 && zeros < text.size(); ++zeros) {
+            if (text.at(text.size() - zeros) != QLatin1Char('0'))
+                break;
+            bool fits = false;
+            const long long m = text.leftRef(text.size() - zeros).toLongLong(&fits, 10);
+            if (fits && fitsMantissa(m))
+                return decimal(m, static_cast<short>(-zeros));
+        }
+        if (ok)
+            return decimal(whole, 0); // the bits beyond the mantissa drop, as they always did
+        throw cannotCreate(text);
+    }
 
     Shape shape;
     if (matchPoint(text, QLatin1Char('.'), &shape)) {
@@ -331,7 +360,7 @@ decimal decimal::fromString(const QString &text)
             m = wrapMul(m, 10);
         m = wrapAdd(m, parseLongLong(shape.fraction, text));
         if (shape.sign == QLatin1String("-"))
-            m = 0 - m;
+            m = wrapNegate(m);
         return decimal(m, static_cast<short>(shape.fraction.size()));
     }
 
@@ -339,7 +368,9 @@ decimal decimal::fromString(const QString &text)
         long long m = parseLongLong(shape.whole, text);
         const bool negative = shape.sign == QLatin1String("-");
         bool ok = false;
-        int e = shape.exponent.toInt(&ok, 10);
+        // 64 bits, so that an exponent at the edge of int cannot overflow
+        // below; the scale keeps its low bits, as it always did.
+        long long e = shape.exponent.toInt(&ok, 10);
         if (!ok)
             throw cannotCreate(text);
         if (!shape.fraction.isEmpty()) {
@@ -349,7 +380,7 @@ decimal decimal::fromString(const QString &text)
             m = wrapAdd(m, parseLongLong(shape.fraction, text));
         }
         if (negative)
-            m = 0 - m;
+            m = wrapNegate(m);
         // The exponent is the scale itself: 15e2 is 0.15.
         return decimal(m, static_cast<short>(e));
     }

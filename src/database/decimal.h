@@ -106,6 +106,9 @@ public:
 
     // Accepts "7", "+7", "-1.25", ".5", "-.5", and the exponent form
     // "15e2", where the number after 'e' is the scale (15e2 is 0.15).
+    // An integer beyond the 57-bit mantissa takes as few of its trailing
+    // zeros as it needs as a negative scale (down to -64), so every text
+    // toString() writes reads back. Overflow inside the other shapes wraps.
     // Throws a translated QString message on anything else.
     static decimal fromString(const QString &text);
     // Parses with the system locale. Throws the QString
