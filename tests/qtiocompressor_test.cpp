@@ -145,10 +145,61 @@ TEST(QtIOCompressor, DamagedStreamsFailCleanly)
     EXPECT_EQ(result, -1);
     EXPECT_TRUE(reader.errorString().startsWith(QStringLiteral("Internal zlib error when decompressing: ")));
 
-    // A stream cut short ends the data early, without an error.
-    const QByteArray truncated = decompress(compressed.left(compressed.size() / 2), QtIOCompressor::GzipFormat);
-    EXPECT_LT(truncated.size(), 50000);
-    EXPECT_EQ(truncated, sample(50000).left(truncated.size()));
+    // Cut anywhere (in the header, the data, the trailer) or with a trailer
+    // that does not match, a file's stream stops with an error after the
+    // data it could decompress, and is at its end.
+    QByteArray badCrc = compressed;
+    badCrc[badCrc.size() - 6] = static_cast<char>(badCrc[badCrc.size() - 6] ^ 1);
+    const struct
+    {
+        QByteArray bytes;
+        const char *error;
+    } damaged[] = {
+        {compressed.left(5), "cut short"},
+        {compressed.left(compressed.size() / 2), "cut short"},
+        {compressed.left(compressed.size() - 3), "cut short"},
+        {badCrc, "data error"}, // zlib checks the CRC of the trailer
+    };
+    for (const auto &d : damaged) {
+        SCOPED_TRACE(d.bytes.size());
+        QByteArray bytes = d.bytes;
+        QBuffer device(&bytes);
+        QtIOCompressor cut(&device);
+        cut.setStreamFormat(QtIOCompressor::GzipFormat);
+        ASSERT_TRUE(cut.open(QIODevice::ReadOnly));
+        QByteArray got;
+        for (int reads = 0; !cut.atEnd() && reads < 1000; ++reads)
+            got += cut.read(4096);
+        EXPECT_TRUE(cut.atEnd());
+        EXPECT_TRUE(cut.hasError());
+        EXPECT_TRUE(cut.errorString().contains(QLatin1String(d.error))) << cut.errorString().toStdString();
+        EXPECT_EQ(got, sample(50000).left(got.size()));
+        EXPECT_EQ(cut.read(out, sizeof out), -1);
+    }
+}
+
+TEST(QtIOCompressor, ConcatenatedMembersAndTinyBuffers)
+{
+    // Two gzip members one after the other read as one stream.
+    const QByteArray first = sample(3000), second = sample(7000);
+    const QByteArray joined =
+        compress(first, QtIOCompressor::GzipFormat) + compress(second, QtIOCompressor::GzipFormat);
+    EXPECT_EQ(decompress(joined, QtIOCompressor::GzipFormat), first + second);
+    EXPECT_EQ(inflateWithZlib(compress(first, QtIOCompressor::GzipFormat), 31), first);
+
+    // Every buffer size flushes and closes, and the stream reads back.
+    for (int size = 1; size <= 8; ++size) {
+        SCOPED_TRACE(size);
+        QBuffer buffer;
+        QtIOCompressor writer(&buffer, 6, size);
+        writer.setStreamFormat(QtIOCompressor::GzipFormat);
+        ASSERT_TRUE(writer.open(QIODevice::WriteOnly));
+        writer.write(first);
+        writer.flush();
+        writer.write(second);
+        writer.close();
+        EXPECT_EQ(decompress(buffer.data(), QtIOCompressor::GzipFormat), first + second);
+    }
 }
 
 TEST(QtIOCompressor, GzipNeedsZlibOneTwo)

@@ -6,6 +6,8 @@
 #include <database/indexlist.h>
 #include <database/masterindex.h>
 #include <database/table.h>
+#include <database/indexvector.h>
+#include <database/watchindex.h>
 
 #include <QtConcurrent/QtConcurrentRun>
 #include <QtCore/QThread>
@@ -13,6 +15,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <memory>
+#include <thread>
 
 namespace {
 
@@ -578,3 +583,48 @@ TEST(TableLifetime, RowsOutliveTheTableWhileHeld)
     }
     EXPECT_EQ(Table::references(kept.rowPtr()), 1u);
 }
+
+class IntVectorIndex : public IndexVector
+{
+public:
+    using IndexVector::IndexVector;
+    int compare(const Record &a, const Record &b) const override { return getInt(a, 0) - getInt(b, 0); }
+};
+
+// Misuse that used to read freed or foreign memory gets a clear outcome.
+TEST(TableMisuse, UnknownNamesThrowAndIndexesMayOutliveTheirTable)
+{
+    auto table = std::make_unique<Table>(QStringLiteral("t"));
+    addKeyIdColumns(*table);
+    const Record row = appendRow(*table, {1, 2});
+    for (const auto &lookup : std::vector<std::function<void()>>{
+             [&] { row.data(QStringLiteral("prcie")); }, [&] { table->columnDef(QStringLiteral("prcie")); }}) {
+        try {
+            lookup();
+            ADD_FAILURE() << "no exception";
+        } catch (const Exception &e) {
+            EXPECT_EQ(e.message, QStringLiteral("Column 'prcie' not found in table 't'."));
+        }
+    }
+    auto sorted = std::make_unique<IntKeyIndex>(table.get());
+    auto vector = std::make_unique<IntVectorIndex>(table.get());
+    auto watch = std::make_unique<WatchIndex>(table.get());
+    table.reset(); // before the indexes: their destructors must not touch it
+    sorted.reset();
+    vector.reset();
+    watch.reset();
+}
+
+#ifndef QT_NO_DEBUG
+TEST(TableMisuseDeathTest, ASecondWriterThreadIsStopped)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Table table(QStringLiteral("quotes"));
+            TableUpdater writer(&table);
+            std::thread([&] { TableUpdater second(&table); }).join();
+        },
+        "a batch of table 'quotes' is open on another thread");
+}
+#endif

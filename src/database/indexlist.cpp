@@ -5,6 +5,7 @@
 
 IndexList::IndexList(Table *table, bool registered)
     : m_table(table)
+    , m_tableAlive(table)
     , m_list(10000)
     , m_registered(registered)
 {
@@ -14,6 +15,7 @@ IndexList::IndexList(Table *table, bool registered)
 
 IndexList::IndexList(const QString &tableName)
     : m_table(ApplicationCore::table(tableName))
+    , m_tableAlive(m_table)
     , m_list(10000)
     , m_registered(true)
 {
@@ -23,7 +25,9 @@ IndexList::IndexList(const QString &tableName)
 
 IndexList::~IndexList()
 {
-    if (m_registered && m_table)
+    // An index may outlive its table (declared before it, say): there is
+    // nothing left to unregister from then.
+    if (m_registered && m_tableAlive)
         m_table->removeIndex(this);
 }
 
@@ -39,6 +43,9 @@ void IndexList::build()
 
 void IndexList::appendFromMaster(bool throughAdd)
 {
+    if (!m_table)
+        return;
+    Q_ASSERT_X(m_tableAlive, "IndexList::build", "the index's table was deleted");
     MasterIndex *master = m_table->masterIndex();
     // The master index walking itself would never end.
     if (static_cast<Index *>(master) == this)

@@ -5,6 +5,8 @@
 #include "index.h"
 #include "partitionlist.h"
 
+#include <QtCore/QPointer>
+
 // IndexList: the records of a table in a plain list, in the order they were
 // added; the base of the sorted and master indexes, which share its storage
 // and positional operations.
@@ -13,7 +15,9 @@
 // itself on destruction. Records are kept in a PartitionList, each holding
 // a reference on its row, so the list keeps its rows alive.
 //
-// Not copyable: a copy would register a second time and share nothing.
+// Not copyable: a copy would register a second time and share nothing. It
+// may be destroyed after its table (it then has nothing to unregister from);
+// any other use after that is a programming error, asserted where it can be.
 class DATABASE_EXPORT IndexList : public Index
 {
 public:
@@ -64,6 +68,8 @@ protected:
     void appendFromMaster(bool throughAdd);
 
     Table *m_table;
+    // Null once the table is gone; m_table stays the fast way in.
+    QPointer<Table> m_tableAlive;
     PartitionList<Record> m_list;
     bool m_registered;
 };

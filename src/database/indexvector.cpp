@@ -17,7 +17,8 @@ IndexVector &IndexVector::operator=(const IndexVector &other) = default;
 
 IndexVector::~IndexVector()
 {
-    m_table->removeIndex(this);
+    if (m_table) // the table may be gone first
+        m_table->removeIndex(this);
 }
 
 Record IndexVector::get(int i) const
@@ -32,6 +33,7 @@ void IndexVector::clear()
 
 void IndexVector::build()
 {
+    Q_ASSERT_X(m_table, "IndexVector::build", "the index's table was deleted");
     TableLocker locker(m_table);
     for (const Record &record : *m_table->masterIndex()) {
         if (filter(record))

@@ -4,6 +4,8 @@
 #include "database_export.h"
 #include "index.h"
 
+#include <QtCore/QPointer>
+
 #include <QtCore/QVector>
 
 // IndexVector: the records of a table in one contiguous vector, in the order
@@ -57,7 +59,7 @@ public:
     static bool lessThan(const Record &a, const Record &b);
 
 private:
-    Table *m_table;
+    QPointer<Table> m_table; // null once the table is gone
     QVector<Record> m_records;
 };
 

@@ -99,9 +99,21 @@ Record::Record(const Table *table, const QString &key)
         *this = master->at(position);
 }
 
+namespace {
+
+int knownColumn(const Table *table, const QString &name)
+{
+    const int column = table->columnIndex(name);
+    if (column < 0)
+        throw Exception(QStringLiteral("Column '%1' not found in table '%2'.").arg(name, table->name()));
+    return column;
+}
+
+} // namespace
+
 Field Record::data(const QString &name) const
 {
-    return data(m_table->columnIndex(name));
+    return data(knownColumn(m_table, name));
 }
 
 bool Record::inTable() const
@@ -314,7 +326,7 @@ const TableColumnDef &Table::columnDef(int column) const
 
 const TableColumnDef &Table::columnDef(const QString &name) const
 {
-    return columnDef(columnIndex(name));
+    return columnDef(knownColumn(this, name));
 }
 
 QString Table::columnName(int column) const
@@ -613,8 +625,14 @@ void Table::deferNullLayout(bool defer)
 void Table::beginUpdate()
 {
     Q_D(Table);
-    if (d->updateDepth.fetchAndAddOrdered(1) > 0)
+    if (d->updateDepth.fetchAndAddOrdered(1) > 0) {
+        // Batches nest on the thread that holds them; another thread that
+        // counts itself in here would change the table unlocked.
+        Q_ASSERT_X(d->batchOwner.loadAcquire() == nullptr || d->batchOwner.loadAcquire() == QThread::currentThreadId(),
+                   "Table::beginUpdate",
+                   qPrintable(QStringLiteral("a batch of table '%1' is open on another thread").arg(d->name)));
         return;
+    }
     if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
         // Inside this thread's exclusive batch: the indexes have heard its
         // beginning already.

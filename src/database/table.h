@@ -102,7 +102,8 @@ public:
     bool operator!=(const Record &other) const { return m_row != other.m_row; }
     bool operator<(const Record &other) const { return std::less<const unsigned char *>()(m_row, other.m_row); }
 
-    // The field of a column; neither the number nor the name is checked.
+    // The field of a column. The number is not checked; an unknown name
+    // throws Exception ("Column '%1' not found in table '%2'.").
     Field data(int column) const;
     Field data(const QString &name) const;
 
@@ -158,10 +159,16 @@ Q_DECLARE_TYPEINFO(Record, Q_MOVABLE_TYPE);
 // Every loop runs over a copy of the index list, so an index may register or
 // unregister itself while it is being notified.
 //
-// Thread safety: one recursive mutex per table. Writers bracket a batch with
-// TableUpdater (the outermost level locks); readers on other threads hold a
-// TableLocker. The change operations above take no lock themselves. Schema
-// changes (addColumn) are made by the owning thread before rows are shared.
+// Thread safety: one recursive mutex per table. The contract is one writer
+// thread per table at a time, readers under TableLocker:
+//   - Writers bracket a batch with TableUpdater. Only the outermost level
+//     locks, and a nested level only counts, whichever thread opens it: a
+//     second thread that opens a TableUpdater while another's batch is open
+//     is let in unlocked. Builds with assertions stop there with a message.
+//   - Readers on other threads hold a TableLocker while they read.
+//   - The change operations above take no lock themselves.
+//   - Schema changes (addColumn) are made by the owning thread before rows
+//     are shared.
 class DATABASE_EXPORT Table : public QObject
 {
     Q_OBJECT
@@ -208,7 +215,8 @@ public:
     // Lookups by name are case-sensitive; -1 when there is no such column.
     int columnIndex(const QString &name) const;
     bool columnExists(const QString &name) const;
-    // REQUIRES: an existing column (numbers and names are not checked).
+    // REQUIRES: an existing column number (not checked); an unknown name
+    // throws Exception as Record::data does.
     const TableColumnDef &columnDef(int column) const;
     const TableColumnDef &columnDef(const QString &name) const;
     QString columnName(int column) const;

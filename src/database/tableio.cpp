@@ -399,15 +399,19 @@ void TableIO::write(const QDir &dir)
     // Written beside its final name and renamed over it only when complete,
     // so a failed or killed save leaves the previous file as it was; the
     // file of the other kind goes only once the new one stands.
+    m_error.clear();
     QSaveFile file(compressed ? gzPath : path);
-    if (!file.open(QIODevice::WriteOnly))
+    if (!file.open(QIODevice::WriteOnly)) {
+        fail(file.fileName(), file.errorString());
         return;
+    }
     std::unique_ptr<QtIOCompressor> compressor;
     QDataStream stream;
     if (compressed) {
         compressor.reset(new QtIOCompressor(&file, 6, 65500));
         compressor->setStreamFormat(QtIOCompressor::GzipFormat);
         if (!compressor->open(QIODevice::WriteOnly)) {
+            fail(file.fileName(), compressor->errorString());
             file.cancelWriting();
             return;
         }
@@ -419,8 +423,10 @@ void TableIO::write(const QDir &dir)
     stream.setDevice(nullptr);
     if (compressor)
         compressor->close(); // the file stays open: the compressor did not open it
-    if (!file.commit())
+    if (!file.commit()) {
+        fail(file.fileName(), file.errorString());
         return;
+    }
     const QString other = compressed ? path : gzPath;
     if (QFile::exists(other))
         QFile::remove(other);
@@ -428,6 +434,7 @@ void TableIO::write(const QDir &dir)
 
 void TableIO::read(const QDir &dir, bool addMissingColumns)
 {
+    m_error.clear();
     const QString path = fileName(dir);
     QFile file(path);
     std::unique_ptr<QtIOCompressor> compressor;
@@ -443,8 +450,18 @@ void TableIO::read(const QDir &dir, bool addMissingColumns)
     }
     read(stream, addMissingColumns, Convertors());
     stream.setDevice(nullptr);
+    if (compressor && compressor->hasError())
+        fail(file.fileName(), compressor->errorString());
+    else if (file.isOpen() && file.error() != QFileDevice::NoError)
+        fail(file.fileName(), file.errorString());
     compressor.reset();
     file.close();
+}
+
+void TableIO::fail(const QString &path, const QString &reason)
+{
+    m_error = reason;
+    qWarning().noquote() << QStringLiteral("TableIO: %1: %2").arg(QDir::toNativeSeparators(path), reason);
 }
 
 unsigned long long TableIO::memoryUsage(bool withRows, bool withRecords, bool withSpare) const

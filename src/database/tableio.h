@@ -115,6 +115,14 @@ public:
     // neither the table keeps its rows.
     void read(const QDir &dir, bool addMissingColumns);
 
+    // Why the last folder read or write of this object fell short, empty
+    // when it did not: a file that could not be written or committed, or a
+    // file whose bytes ran out or were damaged (a cut or corrupt gzip
+    // stream, a read error). The rows read before the fault stay in the
+    // table. The same text goes to the Qt log as a warning naming the file.
+    // A file that is simply absent is no error.
+    QString errorString() const { return m_error; }
+
     // An estimate in bytes of the master index's rows (withRows), handles
     // (withRecords) and unused handle slots (withSpare).
     unsigned long long memoryUsage(bool withRows, bool withRecords, bool withSpare) const;
@@ -127,7 +135,10 @@ public:
     void convertDefs(const QList<FieldDefConvertor *> &list, unsigned char *destination, unsigned char *source);
 
 private:
+    void fail(const QString &path, const QString &reason);
+
     Table *m_table;
+    QString m_error;
 };
 
 #endif // DATABASE_TABLEIO_H

@@ -12,7 +12,8 @@ WatchIndex &WatchIndex::operator=(const WatchIndex &other) = default;
 
 WatchIndex::~WatchIndex()
 {
-    m_table->removeIndex(this);
+    if (m_table) // the table may be gone first
+        m_table->removeIndex(this);
 }
 
 void WatchIndex::clear()

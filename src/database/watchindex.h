@@ -4,6 +4,8 @@
 #include "database_export.h"
 #include "index.h"
 
+#include <QtCore/QPointer>
+
 // WatchIndex: which rows were inserted, removed and updated since the index
 // was last cleared, so that a consumer can pick up a table's changes. It
 // keeps no order; each change is appended to its list, and nothing leaves a
@@ -44,7 +46,7 @@ private:
     QList<Record> m_inserted;
     QList<Record> m_removed;
     QList<Record> m_updated;
-    Table *m_table;
+    QPointer<Table> m_table; // null once the table is gone
 };
 
 #endif // DATABASE_WATCHINDEX_H

@@ -26,6 +26,8 @@ public:
     ~QtIOCompressorPrivate();
 
     void flushZlib(int flushMode);
+    // Whether the input after a gzip member starts another member.
+    bool nextMemberFollows();
     bool writeBytes(const unsigned char *data, qint64 size);
     void setZlibError(const QString &prefix, int status);
 
@@ -33,8 +35,14 @@ public:
     QIODevice *device;
     bool manageDevice = false;
     z_stream zlibStream;
+    // A sync flush needs more than six bytes of room to make progress, so
+    // deflate's output goes through at least this much, whatever the
+    // buffer size; reads still take bufferSize bytes at a time.
+    enum { MinOutputSize = 64 };
+
     int compressionLevel;
     int bufferSize;
+    int outputSize;
     unsigned char *buffer;
     State state = Closed;
     QtIOCompressor::StreamFormat streamFormat = QtIOCompressor::ZlibFormat;
@@ -48,9 +56,10 @@ QtIOCompressorPrivate::QtIOCompressorPrivate(QtIOCompressor *q, QIODevice *devic
     , device(device)
     , compressionLevel(compressionLevel)
     , bufferSize(qMax(bufferSize, 1))
+    , outputSize(qMax(this->bufferSize, int(MinOutputSize)))
     // One byte more than the staging area: the character given back past the
     // pending input at the end of a stream is then always inside it.
-    , buffer(new unsigned char[static_cast<size_t>(this->bufferSize) + 1]())
+    , buffer(new unsigned char[static_cast<size_t>(outputSize) + 1]())
 {
     std::memset(&zlibStream, 0, sizeof zlibStream);
 }
@@ -86,6 +95,23 @@ bool QtIOCompressorPrivate::writeBytes(const unsigned char *data, qint64 size)
     return true;
 }
 
+bool QtIOCompressorPrivate::nextMemberFollows()
+{
+    unsigned char magic[2];
+    const qint64 pending = zlibStream.avail_in;
+    for (qint64 i = 0; i < qMin<qint64>(pending, 2); ++i)
+        magic[i] = zlibStream.next_in[i];
+    if (pending < 2) {
+        char more[2];
+        const qint64 wanted = 2 - pending;
+        if (device->peek(more, wanted) != wanted)
+            return false;
+        for (qint64 i = 0; i < wanted; ++i)
+            magic[pending + i] = static_cast<unsigned char>(more[i]);
+    }
+    return magic[0] == 0x1f && magic[1] == 0x8b;
+}
+
 void QtIOCompressorPrivate::flushZlib(int flushMode)
 {
     zlibStream.next_in = nullptr;
@@ -93,14 +119,14 @@ void QtIOCompressorPrivate::flushZlib(int flushMode)
     int status;
     do {
         zlibStream.next_out = buffer;
-        zlibStream.avail_out = static_cast<uInt>(bufferSize);
+        zlibStream.avail_out = static_cast<uInt>(outputSize);
         status = deflate(&zlibStream, flushMode);
         if (status != Z_OK && status != Z_STREAM_END) {
             state = Error;
             setZlibError(QStringLiteral("Internal zlib error when compressing: "), status);
             return;
         }
-        const qint64 produced = bufferSize - zlibStream.avail_out;
+        const qint64 produced = outputSize - zlibStream.avail_out;
         if (!writeBytes(buffer, produced))
             return;
     } while ((flushMode == Z_FINISH && status != Z_STREAM_END) || (flushMode != Z_FINISH && zlibStream.avail_out == 0));
@@ -234,6 +260,11 @@ void QtIOCompressor::flush()
     d->flushZlib(Z_SYNC_FLUSH);
 }
 
+bool QtIOCompressor::hasError() const
+{
+    return d_func()->state == QtIOCompressorPrivate::Error;
+}
+
 qint64 QtIOCompressor::bytesAvailable() const
 {
     Q_D(const QtIOCompressor);
@@ -261,6 +292,10 @@ qint64 QtIOCompressor::readData(char *data, qint64 maxSize)
         return 0;
     if (d->state == QtIOCompressorPrivate::Error)
         return -1;
+    // QIODevice asks for nothing (with no buffer) when it probes the device;
+    // zlib would take a missing buffer for a broken stream.
+    if (maxSize <= 0)
+        return 0;
 
     // zlib counts in 32 bits.
     const uInt room = static_cast<uInt>(qMin<qint64>(maxSize, 0x7fffffff));
@@ -294,10 +329,25 @@ qint64 QtIOCompressor::readData(char *data, qint64 maxSize)
             d->setZlibError(QStringLiteral("Internal zlib error when decompressing: "), status);
             return -1;
         case Z_BUF_ERROR:
-            // No more input for now: what was produced so far is the answer.
+            // No more input for now: what was produced so far is the answer,
+            // unless no more input will ever come. A file at its end before
+            // the stream's trailer was cut short: an error, so that a reader
+            // stops and can tell (atEnd() is true from here on).
+            if (d->zlibStream.avail_in == 0 && !d->device->isSequential() && d->device->atEnd()) {
+                d->state = QtIOCompressorPrivate::Error;
+                setErrorString(QStringLiteral("The compressed stream ends before its end: the data is cut short."));
+                const qint64 produced = room - d->zlibStream.avail_out;
+                return produced > 0 ? produced : -1;
+            }
             return room - d->zlibStream.avail_out;
         default:
             break;
+        }
+        // gzip members written one after another (as cat makes them) read as
+        // one stream.
+        if (status == Z_STREAM_END && d->streamFormat == GzipFormat && d->nextMemberFollows()) {
+            inflateReset(&d->zlibStream);
+            status = Z_OK;
         }
     } while (d->zlibStream.avail_out != 0 && status != Z_STREAM_END);
 
@@ -326,14 +376,14 @@ qint64 QtIOCompressor::writeData(const char *data, qint64 maxSize)
         d->zlibStream.avail_in = chunk;
         do {
             d->zlibStream.next_out = d->buffer;
-            d->zlibStream.avail_out = static_cast<uInt>(d->bufferSize);
+            d->zlibStream.avail_out = static_cast<uInt>(d->outputSize);
             const int status = deflate(&d->zlibStream, Z_NO_FLUSH);
             if (status != Z_OK) {
                 d->state = QtIOCompressorPrivate::Error;
                 d->setZlibError(QStringLiteral("Internal zlib error when compressing: "), status);
                 return -1;
             }
-            if (!d->writeBytes(d->buffer, d->bufferSize - d->zlibStream.avail_out)) {
+            if (!d->writeBytes(d->buffer, d->outputSize - d->zlibStream.avail_out)) {
                 d->state = QtIOCompressorPrivate::Error;
                 return -1;
             }

@@ -21,7 +21,16 @@ class QtIOCompressorPrivate;
 //
 // When a read meets the end of the compressed stream, the input read ahead
 // is given back to the underlying device with ungetChar(), one character
-// more than was left, as this device always did.
+// more than was left, as this device always did. In gzip format, a member
+// followed by another (files joined with cat) reads on as one stream.
+//
+// Damaged input is reported, never read past: a stream whose data is
+// corrupt or whose trailer does not match (zlib checks the gzip CRC and
+// length) is an error; so is a stream on a file (a device that is not
+// sequential) that ends before its trailer. Either way the device enters
+// its error state with errorString() saying why, reads answer -1 and
+// atEnd() is true. On a sequential device a pause in the input is not an
+// error: reads answer 0 until more arrives.
 class DATABASE_EXPORT QtIOCompressor : public QIODevice
 {
     Q_OBJECT
@@ -42,6 +51,8 @@ public:
     void close() override;
     void flush();
     qint64 bytesAvailable() const override;
+    // Whether a device or zlib failure (or damaged input) stopped the stream.
+    bool hasError() const;
 
 protected:
     qint64 readData(char *data, qint64 maxSize) override;
