@@ -3,13 +3,16 @@
 
 BUILD_DIR    ?= build
 SANITIZE_DIR ?= build-sanitize
+FUZZ_DIR     ?= build-fuzz
+TSAN_DIR     ?= build-tsan
+FUZZ_SECONDS ?= 60
 BUILD_TYPE   ?= RelWithDebInfo
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test bench bench-micro bench-peers sanitize install clean
+.PHONY: all deps build demo test bench bench-micro bench-peers sanitize fuzz tsan install clean
 
 all: build
 
@@ -60,8 +63,38 @@ sanitize: deps
 	    UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
 	    ctest --output-on-failure -j $(JOBS)
 
+# The concurrency tests under ThreadSanitizer (GCC's; Qt's own locks are
+# stated to it through annotations in the library).
+tsan: deps
+	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_TSAN=ON \
+	    -DDATABASE_BUILD_BENCHMARKS=OFF -DDATABASE_BUILD_EXAMPLES=OFF -DDATABASE_INSTALL=OFF $(CMAKE_FLAGS)
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test
+	cd $(TSAN_DIR) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
+	    ctest --output-on-failure -L concurrency
+
+# Each libFuzzer target for FUZZ_SECONDS, from its seed corpus in fuzz/corpus
+# (what it finds is kept in $(FUZZ_DIR)/corpus). A sanitizer report, a leak,
+# a run over 10 s, an allocation over 2 GiB or an exception of an
+# undocumented kind fails the target.
+FUZZ_TARGETS = tableload compressor text
+fuzz: deps
+	@sh scripts/install-deps.sh --fuzz
+	cmake -S . -B $(FUZZ_DIR) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_FUZZ=ON \
+	    -DDATABASE_BUILD_TESTS=OFF -DDATABASE_BUILD_BENCHMARKS=OFF -DDATABASE_BUILD_EXAMPLES=OFF \
+	    -DDATABASE_INSTALL=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_DIR) -j $(JOBS)
+	@for t in $(FUZZ_TARGETS); do \
+	    mkdir -p $(FUZZ_DIR)/corpus/$$t; \
+	    echo "fuzz: $$t for $(FUZZ_SECONDS) s (log in $(FUZZ_DIR)/$$t.log)"; \
+	    ./$(FUZZ_DIR)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -malloc_limit_mb=2048 \
+	        -rss_limit_mb=4096 -print_final_stats=1 -artifact_prefix=$(FUZZ_DIR)/ \
+	        $(FUZZ_DIR)/corpus/$$t fuzz/corpus/$$t \
+	        > $(FUZZ_DIR)/$$t.log 2>&1 || { tail -60 $(FUZZ_DIR)/$$t.log; exit 1; }; \
+	    grep -E '^stat::number_of_executed_units|^Done' $(FUZZ_DIR)/$$t.log; \
+	done
+
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(FUZZ_DIR) $(TSAN_DIR)

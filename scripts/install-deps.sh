@@ -1,15 +1,17 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tests and the benchmarks need;
-# with --peers, also those of the peer comparison (make bench-peers).
+# with --peers, also those of the peer comparison (make bench-peers); with
+# --fuzz, clang and its fuzzer runtime (make fuzz).
 # Idempotent: when everything is present it only checks and exits.
 # As root it runs apt-get itself (after one 'apt-get update'); otherwise it
 # prints the command to run and fails.
 set -eu
 
 packages="g++ make cmake pkg-config qtbase5-dev zlib1g-dev libdw-dev libgtest-dev libbenchmark-dev"
-if [ "${1:-}" = "--peers" ]; then
-    packages="$packages libabsl-dev libsqlite3-dev libisal-dev libquantlib0-dev"
-fi
+case "${1:-}" in
+--peers) packages="$packages libabsl-dev libsqlite3-dev libisal-dev libquantlib0-dev" ;;
+--fuzz) packages="$packages clang libclang-rt-14-dev" ;;
+esac
 
 missing=""
 for p in $packages; do

@@ -17,7 +17,7 @@
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMap>
-#include <QtCore/QRecursiveMutex>
+#include <mutex>
 #include <QtCore/QString>
 
 class Index;
@@ -50,7 +50,9 @@ public:
     // While above 0, addColumn leaves the null-bit layout of the earlier
     // columns to be worked out once at the end (rowless tables only).
     int layoutDeferred = 0;
-    QRecursiveMutex mutex;
+    // A standard mutex rather than Qt's: the same recursive lock, and one
+    // that the thread sanitizer sees.
+    std::recursive_mutex mutex;
     QAtomicInt updateDepth = 0;
     // The thread that holds the lock for a batch (an outermost beginUpdate
     // or an exclusive batch), null between batches. Other threads only ever

@@ -74,6 +74,7 @@ WholeCopy wholeCopy(const QList<FieldDefConvertor *> &list, const Table *live, c
 }
 // Rows made up after a stream has ended (see TableIO::read).
 constexpr qint64 MaxRowsPastEnd = 65536;
+constexpr qint64 MaxBytesPastEnd = 256LL << 20;
 
 void copyNullBit(Field &destination, const Field &source, const TableColumnDef &to, const TableColumnDef &from)
 {
@@ -334,6 +335,10 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     };
 
     qint64 pastEnd = 0;
+    // Made-up rows also stop at 256 MiB of rows, so that a few bytes that
+    // promise wide rows cannot claim gigabytes.
+    const qint64 maxPastEnd = std::max<qint64>(
+        1, std::min<qint64>(MaxRowsPastEnd, MaxBytesPastEnd / static_cast<qint64>(m_table->rowSize())));
     if (readable > 0 && record <= MaxChunkedRecord) {
         // Records are read many at a time; `buffer` keeps the last one read,
         // so that a short stream ends exactly as a record-at-a-time read does.
@@ -341,7 +346,7 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
         std::vector<char> chunk(static_cast<size_t>(perChunk * record));
         for (qint64 r = 0; r < rowCount;) {
             if (stream.atEnd()) {
-                if (++pastEnd > MaxRowsPastEnd)
+                if (++pastEnd > maxPastEnd)
                     break;
                 make(buffer.data());
                 ++r;
@@ -374,7 +379,9 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
         }
     } else {
         for (qint64 r = 0; r < rowCount; ++r) {
-            if (stream.atEnd() && ++pastEnd > MaxRowsPastEnd)
+            // Rows that take no bytes (a record length of 0) are made up as
+            // much as those past the end, and bounded alike.
+            if ((stream.atEnd() || record == 0) && ++pastEnd > maxPastEnd)
                 break;
             // A short read leaves the rest of the buffer as it was.
             if (readable > 0)

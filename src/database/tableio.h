@@ -104,7 +104,9 @@ public:
     //     skipped. A negative record length reads as zero.
     //   - A short stream still yields the stored row count of rows, each made
     //     from the last record read (zeros before the first), but at most
-    //     65536 rows past the end of the stream; a negative count reads none.
+    //     65536 rows past the end of the stream, and fewer when rows are so
+    //     wide that those would take more than 256 MiB; a negative count
+    //     reads none. Rows of a record length of 0 count as past the end.
     //   - A conversion that throws (stored text that a live number column
     //     cannot read) aborts the load: the rows appended so far stay, and the
     //     indexes are attached again and rebuilt.
