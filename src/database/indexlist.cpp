@@ -26,8 +26,10 @@ IndexList::IndexList(const QString &tableName)
 IndexList::~IndexList()
 {
     // An index may outlive its table (declared before it, say): there is
-    // nothing left to unregister from then.
-    if (m_registered && m_tableAlive)
+    // nothing left to unregister from then. One that its creator put on the
+    // table's list (MasterIndexColumn::createIndex) leaves it too, rather
+    // than stay there dangling.
+    if (m_tableAlive && (m_registered || m_table->indexes().contains(this)))
         m_table->removeIndex(this);
 }
 

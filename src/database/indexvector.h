@@ -16,6 +16,11 @@
 // Registers with its table on construction and unregisters on destruction.
 // A copy shares the table and copies the records but does not register.
 //
+// A batch (process(), a transaction) is applied a record at a time: each
+// updated record is placed against the others' new keys in their old
+// places, so a batch that changed several keys in place can leave the
+// vector out of order. Call resort() after such a batch.
+//
 // resort() compares through the process-wide sortIndex, so two vector
 // indexes must not resort at the same time (it is not re-entrant).
 class DATABASE_EXPORT IndexVector : public Index
