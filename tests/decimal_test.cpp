@@ -93,6 +93,8 @@ TEST(Decimal, CompareAlignsScales)
         {"maximum vs one, cut-off", decimal::maximum, dec(1, 0), 1},
         {"one vs maximum, cut-off", dec(1, 0), decimal::maximum, -1},
         {"one vs 500", dec(1, 0), dec(5, -2), -1},
+        {"1 vs 100e-4 (a million)", dec(1, 0), decimal::fromString(QStringLiteral("100e-4")), -1},
+        {"1 vs 1.0000", dec(1, 0), dec(10000, 4), 0},
         {"-2 vs -1.5", dec(-2, 0), dec(-15, 1), -1},
         {"0.123 vs 0.12", dec(123, 3), dec(12, 2), 1},
         {"0.12 vs 0.123", dec(12, 2), dec(123, 3), -1},

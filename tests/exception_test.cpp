@@ -45,8 +45,18 @@ TEST(Exception, CarriesItsMessageThroughAThrow)
     }
 }
 
+__attribute__((noinline)) Exception deep(int depth)
+{
+    if (depth == 0)
+        return Exception(QStringLiteral("deep"));
+    Exception e = deep(depth - 1);
+    asm volatile("");
+    return e;
+}
+
 TEST(Exception, StackLinesKeepTheirLayout)
 {
+    EXPECT_EQ(deep(40).stack.size(), 31); // the cap, however deep the throw
     const Exception e(QStringLiteral("x"));
     ASSERT_FALSE(e.stack.isEmpty());
     EXPECT_LE(e.stack.size(), 31);

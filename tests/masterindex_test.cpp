@@ -177,17 +177,19 @@ TEST_F(ColumnMasterTest, FastIndexOrdersByRawBytes)
     wide.addColumn(QStringLiteral("k"), FieldType::Integer64, 0, false);
     wide.addColumn(QStringLiteral("s"), FieldType::String, 3, false);
     MasterIndex_Fast::createMasterIndex(&wide, {QStringLiteral("k"), QStringLiteral("s")});
-    for (const char *s : {"ab", "b", "aa"}) {
+    for (const auto &key : std::vector<std::pair<long long, const char *>>{
+             {7, "ab"}, {7, "b"}, {7, "aa"}, {1, "a"}, {256, "a"}}) {
         const Record r(&wide);
         Field k = r.data(0), text = r.data(1);
-        k = 7LL;
-        text = QString::fromLatin1(s);
+        k = key.first;
+        text = QString::fromLatin1(key.second);
         r.append();
     }
     QStringList order;
     for (const Record &r : *wide.masterIndex())
         order.append(r.toString());
-    EXPECT_EQ(order, QStringList({"7,aa", "7,ab", "7,b"}));
+    // An 8-byte key keeps its little-endian bytes too: 256 before 1 before 7.
+    EXPECT_EQ(order, QStringList({"256,a", "1,a", "7,aa", "7,ab", "7,b"}));
 }
 
 TEST_F(ColumnMasterTest, FastIndexRefusesUnsuitableColumns)

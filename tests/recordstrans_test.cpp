@@ -147,6 +147,15 @@ TEST_F(TransTest, TheLimitIndexNamesTheSurplus)
     EXPECT_EQ(contents(), expected);
     EXPECT_EQ(limit.count(), 10);
 
+    // Exactly one over the limit: the oldest one goes.
+    {
+        RecordsTrans trans(&table);
+        put(trans, 30, 330);
+    }
+    EXPECT_EQ(limit.count(), 10);
+    EXPECT_EQ(contents().count(4), 0u);
+    EXPECT_EQ(contents().count(30), 1u);
+
     EXPECT_TRUE(limit.toRemove(0, {}).isEmpty());
     EXPECT_TRUE(limit.toRemove(-3, {}).isEmpty());
     EXPECT_EQ(limit.toRemove(50, {}).size(), 10);

@@ -389,6 +389,18 @@ TEST(TableIO, TheDataFolderOfAPortableInstallation)
     const QDir dir = Settings::dataDir(QStringLiteral("settings"));
     EXPECT_EQ(dir.path(), QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("user/settings")));
     EXPECT_TRUE(dir.exists());
+
+    // The setting reaches the file on disk and a fresh reader finds it there.
+    registerJsonSettingsFormat();
+    {
+        Settings settings(QStringLiteral("Database"));
+        settings.setValue(QStringLiteral("compressed"), true);
+    }
+    QFile file(dir.filePath(QStringLiteral("settings.json")));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(file.readAll().contains("\"compressed\": true"));
+    EXPECT_TRUE(Settings(QStringLiteral("Database")).value(QStringLiteral("compressed")).toBool());
+    Settings(QStringLiteral("Database")).remove(QStringLiteral("compressed"));
 }
 
 // Damaged files: whatever the bytes, a load stays inside its buffers (the
@@ -596,4 +608,70 @@ TEST(TableIO, ADamagedGzipFileIsReportedAndBounded)
     clean.read(dir, false);
     EXPECT_TRUE(clean.errorString().isEmpty());
     EXPECT_EQ(target.rowCount(), 10);
+}
+
+// Every damaged file of tests/data/damaged (see generate.py there) loads to
+// the outcome its manifest names, through a folder read as in use.
+TEST(TableIO, DamagedFilesHaveTheirDocumentedOutcomes)
+{
+    const QDir damaged(QStringLiteral(DATABASE_TEST_DATA "/damaged"));
+    QFile manifest(damaged.filePath(QStringLiteral("manifest.tsv")));
+    ASSERT_TRUE(manifest.open(QIODevice::ReadOnly | QIODevice::Text));
+    int files = 0;
+    while (!manifest.atEnd()) {
+        const QString line = QString::fromUtf8(manifest.readLine()).trimmed();
+        if (line.isEmpty())
+            continue;
+        const QString name = line.section(QLatin1Char('\t'), 0, 0);
+        const QString outcome = line.section(QLatin1Char('\t'), 1);
+        const QString kind = outcome.section(QLatin1Char(' '), 0, 0);
+        const QString detail = outcome.section(QLatin1Char(' '), 1);
+        SCOPED_TRACE(name.toStdString());
+        ++files;
+
+        QTemporaryDir folder;
+        const QString target = QDir(folder.path()).filePath(name.endsWith(QLatin1String(".gz"))
+                                                                ? QStringLiteral("quotes.gz")
+                                                                : QStringLiteral("quotes"));
+        ASSERT_TRUE(QFile::copy(damaged.filePath(name), target));
+        Table table(QStringLiteral("quotes"));
+        table.addColumn(QStringLiteral("ticker"), FieldType::String, 6, false);
+        IndexList list(&table, true);
+        appendRow(table, {}); // replaced by the load, whatever it finds
+        TableIO io(&table);
+        MessageCapture quiet;
+        QString thrown;
+        try {
+            io.read(QDir(folder.path()), true);
+        } catch (const Exception &e) {
+            thrown = e.message;
+        }
+        EXPECT_EQ(list.count(), table.rowCount()); // the indexes are back and whole
+        if (kind == QLatin1String("exception")) {
+            EXPECT_EQ(thrown, detail);
+            EXPECT_EQ(table.rowCount(), 0);
+        } else if (kind == QLatin1String("rows")) {
+            EXPECT_TRUE(thrown.isEmpty()) << thrown.toStdString();
+            EXPECT_TRUE(io.errorString().isEmpty()) << io.errorString().toStdString();
+            EXPECT_EQ(table.rowCount(), detail.toInt());
+        } else if (kind == QLatin1String("rows-at-most")) {
+            EXPECT_LE(table.rowCount(), detail.toInt());
+        } else if (kind == QLatin1String("error")) {
+            EXPECT_TRUE(io.errorString().contains(detail)) << io.errorString().toStdString();
+        } else {
+            EXPECT_EQ(kind, QStringLiteral("any"));
+            EXPECT_LE(table.rowCount(), 3 + 65536);
+        }
+    }
+    EXPECT_EQ(files, 35);
+
+    // A file that cannot be opened (a folder by the table's name) changes
+    // nothing.
+    QTemporaryDir folder;
+    ASSERT_TRUE(QDir(folder.path()).mkdir(QStringLiteral("quotes")));
+    Table table(QStringLiteral("quotes"));
+    table.addColumn(QStringLiteral("ticker"), FieldType::String, 6, false);
+    appendRow(table, {});
+    TableIO(&table).read(QDir(folder.path()), false);
+    EXPECT_EQ(table.rowCount(), 1);
 }
