@@ -41,7 +41,9 @@ public:
     explicit PriceIndex(Table *table) : IndexSort(table, true) {}
     int compare(const Record &a, const Record &b) const override
     {
-        const double x = a.data(Price).asDouble(), y = b.data(Price).asDouble();
+        // Read through const fields: the slots are not 8-byte aligned.
+        const Field fa = a.data(Price), fb = b.data(Price);
+        const double x = fa.asDouble(), y = fb.asDouble();
         return x < y ? -1 : (x > y ? 1 : 0);
     }
     QString getClassName() const override { return QStringLiteral("PriceIndex"); }

@@ -2,6 +2,7 @@
 
 #include <database/datetime.h>
 
+#include <QtCore/QDebug>
 #include <QtCore/QLocale>
 
 #include <gtest/gtest.h>
@@ -192,4 +193,18 @@ TEST(DatetimeCommaLocale, TwoDigitYearsAreThisCentury)
     // A four-digit-year format keeps the year as read.
     EXPECT_EQ(datetime::fromSystemString(QStringLiteral("Dienstag, 5. März 2024"), true, QLocale::LongFormat),
               datetime(2024, 3, 5));
+}
+
+TEST(Datetime, QtConveniences)
+{
+    const datetime value(QDate(2024, 3, 5), QTime(10, 1, 2, 3));
+    const QVariant variant = QVariant::fromValue(value);
+    EXPECT_EQ(variant.toString(), value.toString());
+    EXPECT_EQ(variant.toDateTime(), value.getDateTime());
+    EXPECT_EQ(QVariant(value.toString()).value<datetime>(), value);
+    EXPECT_EQ(QVariant::fromValue(value), QVariant::fromValue(datetime(value.data())));
+    EXPECT_EQ(qHash(value), qHash(datetime(value.data())));
+    QString text;
+    QDebug(&text) << value;
+    EXPECT_EQ(text.trimmed(), QStringLiteral("datetime(") + value.toString() + QLatin1Char(')'));
 }

@@ -3,6 +3,7 @@
 #include <database/decimal.h>
 
 #include <QtCore/QDate>
+#include <QtCore/QDebug>
 #include <QtCore/QLocale>
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QRegExp>
@@ -487,4 +488,22 @@ TEST(DecimalCommaLocale, SystemParsingUsesTheLocale)
     EXPECT_TRUE(decimal::fromAnyString(QStringLiteral("1,5"), &ok).isEqual(dec(150000, 5)));
     EXPECT_TRUE(ok);
     EXPECT_TRUE(decimal::fromAnyString(QStringLiteral("1.5"), &ok).isEqual(dec(15, 1)));
+}
+
+TEST(Decimal, QtConveniences)
+{
+    const decimal value(105, 2);
+    const QVariant variant = QVariant::fromValue(value);
+    EXPECT_EQ(variant.toString(), QStringLiteral("1.05"));
+    EXPECT_DOUBLE_EQ(variant.toDouble(), 1.05);
+    EXPECT_EQ(QVariant(QStringLiteral("-2.50")).value<decimal>().toString(), QStringLiteral("-2.50"));
+    EXPECT_EQ(QVariant(QStringLiteral("junk")).value<decimal>().toString(), QStringLiteral("0"));
+    EXPECT_EQ(QVariant::fromValue(decimal(15, 1)), QVariant::fromValue(decimal(150, 2))); // by value
+    EXPECT_EQ(qHash(decimal(15, 1)), qHash(decimal(150, 2)));
+    EXPECT_EQ(qHash(decimal(0, 3)), qHash(decimal(0, 0)));
+    EXPECT_NE(qHash(decimal(15, 1)), qHash(decimal(15, 2)));
+    QString text;
+    QDebug(&text) << value;
+    EXPECT_EQ(text.trimmed(), QStringLiteral("decimal(1.05)"));
+    EXPECT_EQ(variant.userType(), decimal::metatypeId());
 }

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -32,7 +33,7 @@ struct Row
     QString sym;
 };
 
-long long keyOf(const Record &r) { return r.data(K).asInteger64(); }
+long long keyOf(const Record &r) { return r.data(K).toInteger64(); }
 
 template <class Base>
 class ByQty : public Base
@@ -131,27 +132,22 @@ protected:
             ASSERT_EQ(Table::references(r.rowPtr()), 5u + watched[r.rowPtr()]) << keyOf(r);
     }
 
+    // Saved to memory and loaded back, plain or through gzip.
     void reload(bool compressed)
     {
         QByteArray bytes;
-        {
+        const auto through = [&](QIODevice::OpenMode mode, const std::function<void(QDataStream &)> &use) {
             QBuffer buffer(&bytes);
-            buffer.open(QIODevice::WriteOnly);
+            buffer.open(mode);
             QtIOCompressor gz(&buffer);
             gz.setStreamFormat(QtIOCompressor::GzipFormat);
             if (compressed)
-                gz.open(QIODevice::WriteOnly);
-            QDataStream out(compressed ? static_cast<QIODevice *>(&gz) : &buffer);
-            TableIO(&table).write(out);
-        }
-        QBuffer buffer(&bytes);
-        buffer.open(QIODevice::ReadOnly);
-        QtIOCompressor gz(&buffer);
-        gz.setStreamFormat(QtIOCompressor::GzipFormat);
-        if (compressed)
-            gz.open(QIODevice::ReadOnly);
-        QDataStream in(compressed ? static_cast<QIODevice *>(&gz) : &buffer);
-        TableIO(&table).read(in);
+                gz.open(mode);
+            QDataStream stream(compressed ? static_cast<QIODevice *>(&gz) : &buffer);
+            use(stream);
+        };
+        through(QIODevice::WriteOnly, [&](QDataStream &out) { TableIO(&table).write(out); });
+        through(QIODevice::ReadOnly, [&](QDataStream &in) { TableIO(&table).read(in); });
     }
 
     std::mt19937 random;

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 namespace {
@@ -508,19 +509,29 @@ TEST_F(ProtocolTest, AnExceptionStillClosesTheBatch)
 
 TEST_F(ProtocolTest, AnUpdaterLocksOutOtherThreads)
 {
-    std::atomic<bool> locked{false};
+    // Whenever the reader reaches its lock, it gets it only after the batch
+    // closed: the order of the two log lines says so, with no timing assumed.
+    std::mutex logMutex;
+    QStringList events;
+    std::atomic<bool> trying{false};
     QFuture<void> reader;
     {
         TableUpdater updater(&table);
         reader = QtConcurrent::run([&] {
+            trying = true;
             TableLocker locker(&table);
-            locked = true;
+            std::lock_guard<std::mutex> guard(logMutex);
+            events << QStringLiteral("reader locked");
         });
-        QThread::msleep(50);
-        EXPECT_FALSE(locked);
+        while (!trying)
+            std::this_thread::yield();
+        for (int i = 0; i < 1000; ++i) // most likely blocked by now
+            std::this_thread::yield();
+        std::lock_guard<std::mutex> guard(logMutex);
+        events << QStringLiteral("batch closing");
     }
     reader.waitForFinished();
-    EXPECT_TRUE(locked);
+    EXPECT_EQ(events, QStringList({"batch closing", "reader locked"}));
 }
 
 TEST_F(ProtocolTest, RegistrationSignalsAndNames)

@@ -1,5 +1,9 @@
 #include "datetime.h"
 
+#include <QtCore/QDebug>
+
+#include <atomic>
+
 namespace {
 
 const QString &defaultFormatText()
@@ -225,8 +229,37 @@ datetime datetime::fromSystemString(const QString &text, bool dateOnly, QLocale:
 
 int datetime::metatypeId()
 {
-    static const int id = qRegisterMetaType<datetime>("datetime");
+    // The dummy pointer stops qRegisterMetaType asking back for the id.
+    static const int id = qRegisterMetaType<datetime>("datetime", reinterpret_cast<datetime *>(quintptr(-1)));
+    // Registering a converter asks for the id again: the flag, set before,
+    // lets that call through.
+    static std::atomic<bool> converters{false};
+    if (!converters.exchange(true)) {
+        QMetaType::registerConverter<datetime, QString>([](const datetime &value) { return value.toString(); });
+        QMetaType::registerConverter<datetime, QDateTime>(&datetime::getDateTime);
+        QMetaType::registerConverter<QString, datetime>([](const QString &text) {
+            try {
+                return datetime(text);
+            } catch (...) {
+                return datetime();
+            }
+        });
+        QMetaType::registerComparators<datetime>();
+        QMetaType::registerDebugStreamOperator<datetime>();
+    }
     return id;
+}
+
+QDebug operator<<(QDebug debug, const datetime &value)
+{
+    QDebugStateSaver saver(debug);
+    debug.nospace().noquote() << "datetime(" << value.toString() << ')';
+    return debug;
+}
+
+uint qHash(const datetime &value, uint seed) noexcept
+{
+    return ::qHash(value.data(), seed);
 }
 
 QVariant datetime::toVariant() const

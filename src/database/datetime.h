@@ -28,6 +28,8 @@
 //
 // No operation throws. Arithmetic does not check for overflow; addDays()
 // multiplies in 32 bits, as files and callers expect.
+class QDebug;
+
 class DATABASE_EXPORT datetime
 {
 public:
@@ -118,6 +120,18 @@ private:
 };
 
 Q_DECLARE_TYPEINFO(datetime, Q_MOVABLE_TYPE);
-Q_DECLARE_METATYPE(datetime)
+// QVariant and Qt conveniences. The meta-type is registered on first use
+// (metatypeId()), with converters to and from QString (toString() and the
+// text constructor, an unreadable text giving the empty value) and to
+// QDateTime, comparators and the debug stream operator.
+template <>
+struct QMetaTypeId<datetime>
+{
+    enum { Defined = 1 };
+    static int qt_metatype_id() { return datetime::metatypeId(); }
+};
+// datetime(2024.03.05 10:00:00.000)
+DATABASE_EXPORT QDebug operator<<(QDebug debug, const datetime &value);
+DATABASE_EXPORT uint qHash(const datetime &value, uint seed = 0) noexcept;
 
 #endif // DATABASE_DATETIME_H

@@ -1,5 +1,8 @@
 #include "decimal.h"
 
+#include <QtCore/QDebug>
+
+#include <atomic>
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLocale>
 
@@ -429,8 +432,41 @@ bool decimal::canConvert(const QString &text, bool emptyResult)
 
 int decimal::metatypeId()
 {
-    static const int id = qRegisterMetaType<decimal>("decimal");
+    // The dummy pointer stops qRegisterMetaType asking back for the id.
+    static const int id = qRegisterMetaType<decimal>("decimal", reinterpret_cast<decimal *>(quintptr(-1)));
+    // Registering a converter asks for the id again: the flag, set before,
+    // lets that call through.
+    static std::atomic<bool> converters{false};
+    if (!converters.exchange(true)) {
+        QMetaType::registerConverter<decimal, QString>(&decimal::toString);
+        QMetaType::registerConverter<decimal, double>([](const decimal &value) { return value.toDouble(); });
+        QMetaType::registerConverter<QString, decimal>([](const QString &text) { return fromAnyString(text); });
+        QMetaType::registerComparators<decimal>();
+        QMetaType::registerDebugStreamOperator<decimal>();
+    }
     return id;
+}
+
+QDebug operator<<(QDebug debug, const decimal &value)
+{
+    QDebugStateSaver saver(debug);
+    debug.nospace().noquote() << "decimal(" << value.toString() << ')';
+    return debug;
+}
+
+uint qHash(const decimal &value, uint seed) noexcept
+{
+    // The value with its trailing zeros taken off, so that equal values
+    // written at different scales hash alike.
+    long long m = value.value();
+    int scale = value.scale();
+    while (m != 0 && m % 10 == 0) {
+        m /= 10;
+        --scale;
+    }
+    if (m == 0)
+        scale = 0;
+    return ::qHash(qMakePair(m, scale), seed);
 }
 
 QVariant decimal::toVariant() const

@@ -26,6 +26,8 @@
 //
 // Thread safety: a decimal is a plain value. All static members are
 // reentrant; the meta-type is registered on first use of metatypeId().
+class QDebug;
+
 class DATABASE_EXPORT decimal
 {
 public:
@@ -142,6 +144,20 @@ private:
 };
 
 Q_DECLARE_TYPEINFO(decimal, Q_MOVABLE_TYPE);
-Q_DECLARE_METATYPE(decimal)
+// QVariant and Qt conveniences. The meta-type is registered on first use
+// (metatypeId()), with converters to and from QString (the text forms
+// toString() and fromAnyString(), an unreadable text giving 0) and to
+// double, comparators and the debug stream operator, so that a QVariant
+// holding a decimal prints, compares and converts as Qt users expect.
+template <>
+struct QMetaTypeId<decimal>
+{
+    enum { Defined = 1 };
+    static int qt_metatype_id() { return decimal::metatypeId(); }
+};
+// decimal(1.05)
+DATABASE_EXPORT QDebug operator<<(QDebug debug, const decimal &value);
+// Equal values (1.5 and 1.50) hash alike.
+DATABASE_EXPORT uint qHash(const decimal &value, uint seed = 0) noexcept;
 
 #endif // DATABASE_DECIMAL_H

@@ -571,14 +571,19 @@ Field &Field::operator=(const QVariant &value)
     case FieldType::Decimal: {
         if (value.userType() == decimal::metatypeId())
             return *this = value.value<decimal>();
+        // Text is not converted here, although QVariant now could: a text
+        // variant assigns 0, as it always has.
         QVariant converted = value;
-        return *this = converted.convert(decimal::metatypeId()) ? converted.value<decimal>() : decimal();
+        const bool text = value.userType() == QMetaType::QString;
+        return *this = !text && converted.convert(decimal::metatypeId()) ? converted.value<decimal>() : decimal();
     }
     case FieldType::DateTime: {
         if (value.userType() == datetime::metatypeId())
             return *this = value.value<datetime>();
+        // Text is read as a board list below, as it always was, not through
+        // the QVariant converter from text.
         QVariant converted = value;
-        if (converted.convert(datetime::metatypeId()))
+        if (value.userType() != QMetaType::QString && converted.convert(datetime::metatypeId()))
             return *this = converted.value<datetime>();
         if (value.userType() == QMetaType::QDateTime)
             return *this = value.toDateTime();
