@@ -136,8 +136,8 @@ class DATABASE_EXPORT FieldDef
 {
 public:
     FieldDef() : type(FieldType::Integer), length(0) {}
-    FieldDef(FieldType::Type type) : type(type), length(0) {}
-    FieldDef(FieldType::Type type, int length) : type(type), length(length) {}
+    FieldDef(FieldType::Type fieldType) : type(fieldType), length(0) {}
+    FieldDef(FieldType::Type fieldType, int fieldLength) : type(fieldType), length(fieldLength) {}
 
     FieldType::Type type;
     int length;

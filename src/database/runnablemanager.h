@@ -80,7 +80,7 @@ public:
     bool isRunning() const;
     bool isRunning(void *handle) const;
 
-signals:
+Q_SIGNALS:
     void finished(HRunnable hRunnable);
 
 private:

@@ -429,7 +429,7 @@ void Table::setNullPtr(unsigned char *nullArea, int column, bool isNull)
 void Table::addIndex(Index *index)
 {
     d_func()->indexes.append(index);
-    emit indexAdded(index);
+    Q_EMIT indexAdded(index);
 }
 
 void Table::removeIndex(Index *index)
@@ -439,19 +439,19 @@ void Table::removeIndex(Index *index)
     const QString name = indexName(index);
     if (!name.isEmpty())
         d->indexNames.remove(name);
-    emit indexRemoved(index);
+    Q_EMIT indexRemoved(index);
 }
 
 void Table::addDependentIndex(Index *index)
 {
     d_func()->dependentIndexes.append(index);
-    emit dependentIndexAdded(index);
+    Q_EMIT dependentIndexAdded(index);
 }
 
 void Table::removeDependentIndex(Index *index)
 {
     d_func()->dependentIndexes.removeOne(index);
-    emit dependentIndexRemoved(index);
+    Q_EMIT dependentIndexRemoved(index);
 }
 
 QList<Index *> Table::indexes() const

@@ -283,7 +283,7 @@ public:
     void clear();
     void build();
 
-signals:
+Q_SIGNALS:
     void indexAdded(Index *index);
     void indexRemoved(Index *index);
     void dependentIndexAdded(Index *index);
