@@ -26,7 +26,7 @@ build: deps $(BUILD_DIR)/CMakeCache.txt
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 demo: build
-	./$(BUILD_DIR)/examples/demo
+	cd $(BUILD_DIR) && ./examples/demo
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
