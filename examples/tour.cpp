@@ -128,6 +128,34 @@ qint64 qty = found.data("qty").toInteger64();
     savingAndLoading(positions);
 }
 
+void watchAndLimit()
+{
+// A watch index collects the changes of a period; a limit index names the
+// rows to drop to stay within a size.
+class Oldest : public IndexLimit {
+public:
+    explicit Oldest(Table *t) : IndexLimit(1000, t) {}   // keep 1,000 rows
+    int compare(const Record &a, const Record &b) const override {
+        return a.data(0).compare(b.data(0));            // the oldest go first
+    }
+};
+Table ticks("ticks");
+ticks.addColumn("time", FieldType::DateTime);
+WatchIndex changes(&ticks);
+Oldest oldest(&ticks);
+{
+    TableUpdater batch(&ticks);
+    Record tick(&ticks);
+    tick.data(0) = datetime(2024, 3, 5, 10, 0, 0, 0);
+    tick.append();                                      // both indexes hear of it
+}
+int fresh = changes.inserted().size();                  // 1
+changes.clear();                                        // a new period starts
+QList<Record> surplus = oldest.toRemove(oldest.count() - oldest.limit(), {}); // none yet
+
+    expect(fresh == 1 && changes.inserted().isEmpty() && surplus.isEmpty(), "watch and limit indexes");
+}
+
 void joins()
 {
     Table orders("orders"), instruments("instruments");
@@ -221,6 +249,7 @@ int main(int argc, char *argv[])
     valueTypes();
     tablesAndIndexes();
     keyedTable();
+    watchAndLimit();
     joins();
     runtimeServices();
     std::printf(failures ? "tour: %d failures\n" : "tour: every snippet ran\n", failures);
