@@ -15,6 +15,7 @@
 #include <QtCore/QEventLoop>
 #include <QtCore/QTextStream>
 #include <QtCore/QThreadPool>
+#include <QtCore/QTimer>
 
 #include <atomic>
 #include <cmath>
@@ -292,9 +293,20 @@ int main(int argc, char *argv[])
         std::atomic<int> saved{0};
         QEventLoop loop;
         QObject::connect(&jobs, &RunnableManager::finished, &loop, &QEventLoop::quit);
+        // The progress line, from this thread while the job works.
+        int shown = -1;
+        QTimer progress;
+        QObject::connect(&progress, &QTimer::timeout, [&] {
+            if (saved == shown)
+                return;
+            shown = saved;
+            out() << "  saving in the background: " << shown << " of 2 tables\n";
+            out().flush();
+        });
+        progress.start(20);
         jobs.startRunnable(new SaveJob({&instruments, &trades}, dir, &saved), QThreadPool::globalInstance(), 0);
         loop.exec();
-        out() << "  saved " << saved << " of 2 tables in the background\n";
+        out() << "  saved " << saved << " of 2 tables\n";
     }
     report.step(QStringLiteral("save: both tables gzip-compressed, through the runnable manager"));
 

@@ -26,6 +26,11 @@ run(0 "\"volume\": null" dump ${plain} --format json)
 run(0 "ok, 4 columns, 3 rows" verify ${plain})
 run(0 "ok, 4 columns, 3 rows" verify ${gz})
 
+# RFC 4180 quoting, and nulls empty in CSV and null in JSON (tests/data/quoting
+# holds "a,b", 'say "hi"' and a null).
+run(0 "^text,n\r?\n\"a,b\",1\r?\n\"say \"\"hi\"\"\",2\r?\n,3\r?\n$" dump ${DATA}/quoting --format csv)
+run(0 "\"text\": null" dump ${DATA}/quoting --format json)
+
 # Round trips through convert, both ways; the result verifies and dumps alike.
 run(0 "3 rows written \\(gzip\\)" convert ${plain} ${WORK}/copy.gz)
 run(0 "3 rows written" convert ${WORK}/copy.gz ${WORK}/copy --plain)
