@@ -18,6 +18,7 @@
 #include <QtCore/QTimer>
 
 #include <atomic>
+#include <climits>
 #include <cmath>
 #include <memory>
 
@@ -247,7 +248,7 @@ int main(int argc, char *argv[])
         addTrades(trades, random, first, static_cast<int>(qMin<qint64>(100000, count - first + 1)));
     report.step(QStringLiteral("trades: %1 rows in transactions of 100,000").arg(trades.rowCount()));
 
-    int updated = 0;
+    int updated = 0, fewest = INT_MAX, most = 0, others = 0;
     for (int batch = 0; batch < 20; ++batch) {
         watch.clear();
         RecordsTrans trans(&trades);
@@ -258,9 +259,17 @@ int main(int argc, char *argv[])
             row.data(Price) = decimal(100000 + random.below(100000), 4);
         }
         trans.execute();
-        updated += watch.updated().size();
+        // What the watch index saw of this batch: rows updated (a trade
+        // drawn twice in one batch is one update), none added or removed.
+        const int seen = watch.updated().size();
+        fewest = qMin(fewest, seen);
+        most = qMax(most, seen);
+        updated += seen;
+        others += watch.inserted().size() + watch.removed().size();
     }
-    report.step(QStringLiteral("quotes: 20 batches of 5,000 price updates, %1 heard by the watch index").arg(updated));
+    report.step(QStringLiteral("quotes: 20 batches of 5,000 price updates, %1 rows updated").arg(updated));
+    out() << "  watch index per batch: " << fewest << " to " << most << " rows updated, " << others
+          << " inserted or removed\n";
 
     {
         TableUpdater batch(&instruments);

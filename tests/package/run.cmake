@@ -1,6 +1,6 @@
-# Installs the build into a scratch prefix, then builds and runs a client
-# against it twice: through find_package(database CONFIG) and through
-# pkg-config.
+# Installs the build into a scratch prefix, runs the installed tabletool,
+# then builds and runs a client against it twice: through
+# find_package(database CONFIG) and through pkg-config.
 
 function(run)
     execute_process(COMMAND ${ARGN} RESULT_VARIABLE result)
@@ -13,6 +13,11 @@ endfunction()
 set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+# The installed tool finds the installed library by itself (its run path),
+# with no LD_LIBRARY_PATH.
+unset(ENV{LD_LIBRARY_PATH})
+run(${prefix}/bin/tabletool verify ${SOURCE_DIR}/../data/quotes.gz)
 
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/cmake-client -DCMAKE_PREFIX_PATH=${prefix})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-client)
