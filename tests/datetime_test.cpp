@@ -166,21 +166,6 @@ TEST(Datetime, NowIsTheLocalWallClock)
     EXPECT_LT(before.msecsTo(now), 5000);
 }
 
-TEST(Datetime, RegistersItsMetaTypeOnce)
-{
-    const int id = datetime::metatypeId();
-    EXPECT_EQ(id, datetime::metatypeId());
-    EXPECT_STREQ(QMetaType::typeName(id), "datetime");
-    EXPECT_EQ(QMetaType::sizeOf(id), 8);
-    const QMetaType::TypeFlags flags = QMetaType::typeFlags(id);
-    EXPECT_TRUE(flags & QMetaType::NeedsConstruction);
-    EXPECT_TRUE(flags & QMetaType::NeedsDestruction);
-    EXPECT_TRUE(flags & QMetaType::MovableType);
-    const QVariant v = datetime(42).toVariant();
-    EXPECT_EQ(v.userType(), id);
-    EXPECT_EQ(v.value<datetime>().data(), 42);
-}
-
 // The system locale is German here: the short date format is "dd.MM.yy".
 TEST(DatetimeCommaLocale, TwoDigitYearsAreThisCentury)
 {

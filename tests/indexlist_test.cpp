@@ -50,31 +50,6 @@ public:
 
 } // namespace
 
-TEST_F(IndexListTest, KeepsArrivalOrderAndRowsAlive)
-{
-    IndexList list(&table, true);
-    EXPECT_EQ(table.indexes(), QList<Index *>({&list}));
-    EXPECT_EQ(list.getClassName(), QStringLiteral("IndexList"));
-    EXPECT_EQ(list.table(), &table);
-    std::vector<Record> rows;
-    for (int id = 0; id < 5; ++id) {
-        rows.push_back(makeRow(table, {id, id}));
-        rows.back().append();
-    }
-    EXPECT_EQ(ids(list), std::vector<int>({0, 1, 2, 3, 4}));
-    EXPECT_EQ(Table::references(rows[2].rowPtr()), 3u); // here, master, list
-    EXPECT_TRUE(list.contains(rows[2]));
-    EXPECT_EQ(list.indexOf(rows[3]), 3);
-
-    table.remove(rows[2]);
-    EXPECT_EQ(Table::references(rows[2].rowPtr()), 1u);
-    EXPECT_FALSE(list.contains(rows[2]));
-    list.remove(rows[2], 0); // absent, with a wrong hint: ignored
-    list.remove(rows[4], 3); // the hint holds the row
-    EXPECT_EQ(ids(list), std::vector<int>({0, 1, 3}));
-    EXPECT_TRUE(list.at(3).isNull());
-}
-
 TEST_F(IndexListTest, DefaultProcessRemovesUpdatesThenInserts)
 {
     IndexList list(&table, false);

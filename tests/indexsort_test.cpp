@@ -197,34 +197,6 @@ TEST_F(IndexSortTest, ProcessAppliesABatch)
     EXPECT_EQ(index.ids(), std::vector<int>({0, 6, 7, 3, 4, 1}));
 }
 
-TEST_F(IndexSortTest, ProcessRechecksAgainstNeighboursThatStay)
-{
-    // Keys 10 20 30 40. 20 becomes 8 and moves. 30 becomes 9: in order with
-    // its neighbours as they stand (8 and 40), but out of order with 10 once
-    // the 8 has left from between them. Both must end up in order.
-    std::vector<Record> r;
-    for (int i = 0; i < 4; ++i)
-        r.push_back(append(10 * (i + 1), i));
-    setInt(r[1], 0, 8);
-    setInt(r[2], 0, 9);
-    index.process({}, {r[1], r[2]}, 0, 1, {});
-    EXPECT_EQ(index.ids(), std::vector<int>({1, 2, 0, 3}));
-
-    // The same from the right-hand side of a moving neighbour.
-    append(50, 10);
-    const Record b = append(60, 11);
-    const Record c = append(70, 12);
-    setInt(b, 0, 20);
-    setInt(c, 0, 45);
-    index.process({}, {b, c}, 0, 1, {});
-    EXPECT_EQ(keysOf(index), std::vector<int>({8, 9, 10, 20, 40, 45, 50}));
-
-    // Records that stay in order are left where they are.
-    setInt(c, 0, 44);
-    index.process({}, {c}, 0, 1, {});
-    EXPECT_EQ(index.ids(), std::vector<int>({1, 2, 0, 11, 3, 12, 10}));
-}
-
 // Random batches against the two invariants: the index holds exactly the
 // table's accepted records in key order, untouched equal keys keep their
 // relative order, and a batch's insertions keep their arrival order after

@@ -82,39 +82,6 @@ TEST_F(TransTest, EqualNewKeysShareOneRecord)
     trans.clear();
 }
 
-TEST_F(TransTest, ExistingKeysAreUpdatedOrRemoved)
-{
-    {
-        RecordsTrans trans(&table);
-        put(trans, 1, 10);
-        put(trans, 2, 20);
-    } // applied on destruction
-    EXPECT_EQ(contents(), (std::map<int, int>{{1, 10}, {2, 20}}));
-
-    RecordsTrans trans(&table);
-    RecordUpdater one(keyOf(1), trans);
-    EXPECT_TRUE(one.isFound());
-    EXPECT_EQ(trans.updateList(), QList<Record>({table.masterIndex()->at(0)}));
-    EXPECT_EQ(one.table(), &table);
-    one.remove();
-    EXPECT_TRUE(trans.updateList().isEmpty());
-    EXPECT_EQ(trans.removeList().size(), 1);
-    RecordUpdater again(keyOf(1), trans); // an updater brings it back to update
-    EXPECT_EQ(trans.updateList().size(), 1);
-    again.remove();
-
-    RecordUpdater fresh(keyOf(3), trans);
-    fresh.remove(); // cancels the pending insert
-    EXPECT_EQ(trans.insertList().size(), 0);
-    trans.execute();
-    EXPECT_EQ(contents(), (std::map<int, int>{{2, 20}}));
-
-    RecordsTrans abandoned(&table);
-    put(abandoned, 9, 9);
-    abandoned.clear();
-    EXPECT_TRUE(abandoned.isEmpty());
-}
-
 TEST_F(TransTest, ARemovedNewKeyLeavesNothing)
 {
     RecordsTrans trans(&table);
@@ -164,38 +131,3 @@ TEST_F(TransTest, TheLimitIndexNamesTheSurplus)
     table.removeIndex(&limit);
 }
 
-// Random transactions against a map: inserts, updates and removals by key,
-// in many small transactions and in a few with thousands of pending keys.
-TEST_F(TransTest, RandomTransactionsMatchAMap)
-{
-    QRandomGenerator random(4242);
-    std::map<int, int> model;
-    struct Shape
-    {
-        int rounds, maxChanges, keys;
-    };
-    for (const Shape shape : {Shape{300, 30, 60}, Shape{4, 20000, 30000}}) {
-        for (int round = 0; round < shape.rounds; ++round) {
-            SCOPED_TRACE(round);
-            TableUpdater updater(&table);
-            RecordsTrans trans(&table);
-            for (int change = random.bounded(1, shape.maxChanges); change > 0; --change) {
-                const int key = random.bounded(shape.keys);
-                if (random.bounded(3) == 0) {
-                    RecordUpdater(keyOf(key), trans).remove();
-                    model.erase(key);
-                } else {
-                    const int value = random.bounded(1000);
-                    put(trans, key, value);
-                    model[key] = value;
-                }
-            }
-            const QList<Record> inserts = trans.insertList();
-            for (int i = 1; i < inserts.size(); ++i)
-                ASSERT_TRUE(inserts[i - 1] < inserts[i]) << "insertList out of row-address order";
-            trans.execute();
-            ASSERT_EQ(contents(), model);
-            ASSERT_EQ(table.rowCount(), static_cast<int>(model.size()));
-        }
-    }
-}

@@ -322,57 +322,6 @@ TEST(TableSchema, AddingAColumnWarnsAboutRowsHeldElsewhere)
 
 // --- Rows and records ---------------------------------------------------------------
 
-TEST(TableRows, RecordsCountReferences)
-{
-    Table table(QStringLiteral("t"));
-    table.addColumn(QStringLiteral("n"), FieldType::Integer);
-    Record record(&table);
-    unsigned char *row = record.rowPtr();
-    EXPECT_EQ(Table::references(row), 1u);
-    EXPECT_TRUE(record.data(0).isNull());
-    record.data(0).asInteger() = 42;
-    record.data(0).clearNull();
-    EXPECT_FALSE(record.data(0).isNull());
-    EXPECT_EQ(record.data(QStringLiteral("n")).asInteger(), 42);
-    {
-        const Record copy = record;
-        EXPECT_EQ(Table::references(row), 2u);
-        EXPECT_EQ(copy, record);
-        Record moved = Record(record);
-        EXPECT_EQ(Table::references(row), 3u);
-        Record target;
-        target = std::move(moved);
-        EXPECT_TRUE(moved.isNull());
-        EXPECT_EQ(Table::references(row), 3u);
-    }
-    EXPECT_EQ(Table::references(row), 1u);
-
-    record.append();
-    EXPECT_EQ(Table::references(row), 2u);
-    EXPECT_TRUE(record.inTable());
-    record.remove();
-    EXPECT_EQ(Table::references(row), 1u);
-    EXPECT_FALSE(record.inTable());
-    EXPECT_EQ(record.data(0).asInteger(), 42); // still alive: held here
-}
-
-TEST(TableRows, EqualityIsRowIdentity)
-{
-    Table a(QStringLiteral("a"));
-    a.addColumn(QStringLiteral("n"), FieldType::Integer);
-    EXPECT_TRUE(Record() == Record::null);
-    EXPECT_TRUE(Record().isNull());
-    const Record one(&a), two(&a);
-    EXPECT_NE(one, two);
-    EXPECT_EQ(one < two, one.rowPtr() < two.rowPtr());
-    EXPECT_EQ(one.table(), &a);
-    EXPECT_EQ(one.pointer(), one.rowPtr());
-    EXPECT_TRUE(a.masterIndex()->at(0).isNull());
-    EXPECT_TRUE(Record(&a, QString()).isNull());
-    EXPECT_FALSE(one.inTable());
-    EXPECT_TRUE(Record::null.toString().isEmpty());
-}
-
 TEST(TableRows, NullBitsAndErase)
 {
     Table table(QStringLiteral("t"));

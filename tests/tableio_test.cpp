@@ -135,28 +135,6 @@ TEST(TableIO, TheLayoutOfASmallTable)
     EXPECT_EQ(save(table, false), expected.left(expected.size() - 50)); // the real row count, no records
 }
 
-TEST(TableIO, EveryTypeRoundTrips)
-{
-    Table source(QStringLiteral("every"));
-    makeEveryType(source);
-    fillEveryType(source);
-    Table target(QStringLiteral("every"));
-    makeEveryType(target);
-    load(target, save(source));
-    EXPECT_EQ(texts(target), texts(source));
-    EXPECT_EQ(texts(target).first(), QStringLiteral("-5|1099511627776|2.5|1.125|тест|2024.03.05 10:11:12.013|1:2,3 4:5"));
-    EXPECT_EQ(texts(target).last(), QStringLiteral("null|null|null|null|x|null|null"));
-    EXPECT_EQ(save(target), save(source));
-
-    // Into a table without columns, adding them: stored titles and flags too.
-    Table fresh(QStringLiteral("every"));
-    load(fresh, save(source), true);
-    EXPECT_EQ(texts(fresh), texts(source));
-    EXPECT_EQ(fresh.columnTitle(0), QStringLiteral("Eye"));
-    EXPECT_EQ(fresh.columnDescription(0), QStringLiteral("an integer"));
-    EXPECT_FALSE(fresh.columns().first().secondFlag);
-}
-
 TEST(TableIO, AStreamAtItsEndChangesNothing)
 {
     Table table(QStringLiteral("t"));
@@ -262,36 +240,6 @@ TEST(TableIO, CopyConvertorsForUnchangedColumns)
     EXPECT_EQ(copy->size, 20u);
     EXPECT_EQ(typeid(*list[3]), typeid(FieldDefConvertor)); // only nullable changed
     qDeleteAll(list);
-}
-
-TEST(TableIO, IndexesAreRestoredAndRebuilt)
-{
-    Table source(QStringLiteral("t"));
-    source.addColumn(QStringLiteral("key"), FieldType::Integer);
-    source.addColumn(QStringLiteral("id"), FieldType::Integer);
-    for (int id = 0; id < 25000; ++id)
-        makeRow(source, {(id * 7919) % 1000, id}).append();
-    const QByteArray bytes = save(source);
-
-    Table target(QStringLiteral("t"));
-    target.addColumn(QStringLiteral("key"), FieldType::Integer);
-    target.addColumn(QStringLiteral("id"), FieldType::Integer);
-    IntKeyIndex sorted(&target);
-    IndexList plain(&target, true);
-    target.setIndexName(QStringLiteral("plain"), &plain);
-    makeRow(target, {5, -1}).append();
-    load(target, bytes);
-    EXPECT_EQ(target.indexes(), QList<Index *>({&sorted, &plain}));
-    EXPECT_EQ(target.namedIndex(QStringLiteral("plain")), &plain);
-    EXPECT_EQ(target.rowCount(), 25000);
-    EXPECT_EQ(sorted.count(), 25000);
-    EXPECT_EQ(plain.count(), 25000);
-    EXPECT_EQ(getInt(plain.at(24999), 1), 24999); // file order
-    for (int i = 1; i < sorted.count(); ++i)
-        ASSERT_LE(getInt(sorted.at(i - 1), 0), getInt(sorted.at(i), 0));
-    EXPECT_EQ(TableIO(&target).memoryUsage(true, false, false), 25000u * target.rowSize());
-    EXPECT_EQ(TableIO(&target).memoryUsage(false, true, false), 25000u * 16u);
-    EXPECT_GE(TableIO(&target).memoryUsage(false, false, true), 0u);
 }
 
 TEST(TableIO, FoldersPlainAndCompressed)
@@ -437,122 +385,6 @@ TEST(TableIODamage, LongFilesCutShortAndSpareNullBits)
     EXPECT_EQ(getInt(target.masterIndex()->at(rows - 1), 0), rows - 2);
 }
 
-TEST(TableIODamage, CountsAndLengthsOutOfRange)
-{
-    Table table(QStringLiteral("t"));
-    table.addColumn(QStringLiteral("key"), FieldType::Integer);
-    table.addColumn(QStringLiteral("id"), FieldType::Integer);
-    makeRow(table, {4, 2}).append();
-    const QByteArray good = save(table);
-    const int counts = good.size() - 9 - 12; // offset of the row count
-
-    auto withCounts = [&](qint32 rows, qint32 record) {
-        QByteArray bytes = good;
-        QDataStream patch(&bytes, QIODevice::ReadWrite);
-        patch.device()->seek(counts);
-        patch << rows << qint32(8) << record;
-        return bytes;
-    };
-    Table target(QStringLiteral("t"));
-    target.addColumn(QStringLiteral("key"), FieldType::Integer);
-    target.addColumn(QStringLiteral("id"), FieldType::Integer);
-
-    load(target, withCounts(-5, 9));
-    EXPECT_EQ(target.rowCount(), 0);
-    load(target, withCounts(0x7fffffff, 9)); // one real row, then a capped run past the end
-    EXPECT_EQ(target.rowCount(), 1 + 65536);
-    load(target, withCounts(1, 2)); // shorter than the layout: the rest stays zero
-    EXPECT_EQ(target.rowCount(), 1);
-    EXPECT_EQ(getInt(target.masterIndex()->at(0), 0), 4);
-    EXPECT_TRUE(target.masterIndex()->at(0).data(0).isNull());
-    load(target, withCounts(1, -40));
-    EXPECT_EQ(target.rowCount(), 1);
-    load(target, withCounts(1, 0x7ffffff0)); // longer than the layout: skipped past
-    EXPECT_EQ(target.rowCount(), 1);
-    EXPECT_EQ(getInt(target.masterIndex()->at(0), 1), 2);
-
-    // A name longer than the stream reads as empty, which the schema refuses.
-    EXPECT_THROW(load(target, hex("0001" "7FFFFFF0")), Exception);
-    EXPECT_EQ(target.rowCount(), 0);
-}
-
-TEST(TableIODamage, RandomCorruptionNeverCrashes)
-{
-    Table source(QStringLiteral("t"));
-    makeEveryType(source);
-    fillEveryType(source);
-    const QByteArray good = save(source);
-    QRandomGenerator random(31337);
-    int exceptions = 0;
-    for (int round = 0; round < 400; ++round) {
-        QByteArray bytes = good;
-        if (round % 2 == 0) {
-            bytes.truncate(random.bounded(bytes.size()));
-        } else {
-            for (int flips = random.bounded(1, 6); flips > 0; --flips)
-                bytes[random.bounded(bytes.size())] = static_cast<char>(random.bounded(256));
-        }
-        Table target(QStringLiteral("t"));
-        makeEveryType(target);
-        try {
-            load(target, bytes, round % 3 == 0);
-        } catch (const Exception &) {
-            ++exceptions; // a column record the schema refuses
-        } catch (const QString &) {
-            ++exceptions; // stored text a converted column cannot read
-        } catch (const char *) {
-            ++exceptions;
-        }
-        ASSERT_LE(target.rowCount(), 2 + 65536);
-    }
-    EXPECT_GT(exceptions, 0);
-}
-
-namespace {
-
-// A one-column header: a String column "s" of the given length, no rows.
-QByteArray stringColumnFile(qint32 length)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    stream << qint16(1) << QStringLiteral("s") << QString() << QString() << length << qint8(FieldType::String)
-           << qint32(0) << qint32(0) << true << true << qint32(0) << qint32(0) << qint32(0);
-    return bytes;
-}
-
-} // namespace
-
-TEST(TableIO, StringLengthsARowCannotHoldAreRefused)
-{
-    const struct
-    {
-        qint32 length;
-        const char *message;
-    } cases[] = {
-        {-1, "Column 's' of table 'saved' can't hold a string of length -1."},
-        {0, "Length of string can't be zero"},
-        {1500000000, "Column 's' of table 'saved' can't hold a string of length 1500000000."},
-        {Table::maxStringLength, "Column 's' would make the rows of table 'saved' longer than 67108864 bytes."},
-    };
-    for (const auto &c : cases) {
-        Table table(QStringLiteral("t"));
-        table.addColumn(QStringLiteral("n"), FieldType::Integer);
-        IntKeyIndex index(&table);
-        appendRow(table, {1});
-        try {
-            load(table, stringColumnFile(c.length));
-            ADD_FAILURE() << c.length;
-        } catch (const Exception &e) {
-            EXPECT_EQ(e.message, QString::fromLatin1(c.message));
-        }
-        EXPECT_EQ(table.rowCount(), 0); // cleared, as the refused load leaves it
-        EXPECT_EQ(table.indexes(), QList<Index *>({&index}));
-    }
-    // The largest string a row can hold is taken.
-    Table wide(QStringLiteral("wide"));
-    wide.addColumn(QStringLiteral("s"), FieldType::String, Table::maxStringLength - 8);
-    EXPECT_EQ(wide.rowSize(), 4 + 2ull * (Table::maxStringLength - 8) + 1);
-}
 
 TEST(TableIO, ThousandsOfColumnsLoadInLinearTime)
 {
