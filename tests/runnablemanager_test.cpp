@@ -59,6 +59,8 @@ protected:
     ~RunnableTest() override { pool.waitForDone(); }
 
     // Delivers queued signals until `count` have come (or 10 s went by).
+    // The signal is queued just before a job leaves the running list, so
+    // the pool is waited for too before the list is looked at.
     void awaitFinished(int count)
     {
         QEventLoop loop;
@@ -71,6 +73,7 @@ protected:
         QTimer::singleShot(10000, &loop, &QEventLoop::quit);
         loop.exec();
         EXPECT_EQ(finished.size(), count);
+        pool.waitForDone();
     }
 
     QThreadPool pool;
