@@ -33,9 +33,11 @@ test: build
 
 # The workloads W1..W8 on a million rows, each repetition in a child process;
 # results in $(BUILD_DIR)/bench/results.tsv. WORKLOAD_ARGS passes options,
-# e.g. make bench WORKLOAD_ARGS="--n 200000 --filter W4".
+# e.g. make bench WORKLOAD_ARGS="--n 200000 --filter W4". Then a live model
+# under a writer thread (results in $(BUILD_DIR)/bench/model.tsv).
 bench: build
 	./$(BUILD_DIR)/bench/workloads --out $(BUILD_DIR)/bench/results.tsv $(WORKLOAD_ARGS)
+	./$(BUILD_DIR)/bench/model_load --out $(BUILD_DIR)/bench/model.tsv $(MODEL_ARGS)
 
 # The micro-benchmarks of bench/*_bench.cpp; pass BENCH_ARGS to filter them,
 # e.g. make bench-micro BENCH_ARGS=--benchmark_filter=Decimal
@@ -68,7 +70,7 @@ sanitize: deps
 tsan: deps
 	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_TSAN=ON \
 	    -DDATABASE_BUILD_BENCHMARKS=OFF -DDATABASE_BUILD_EXAMPLES=OFF -DDATABASE_INSTALL=OFF $(CMAKE_FLAGS)
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test tablemodel_test
 	cd $(TSAN_DIR) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	    ctest --output-on-failure -L concurrency
 

@@ -6,11 +6,13 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
+#include <QtCore/QSortFilterProxyModel>
 #include <QtCore/QThreadPool>
 
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <thread>
 
 namespace {
 
@@ -195,6 +197,42 @@ join.addDependent(instruments.masterIndex(), QStringList{"name", "lot"});
     expect(order.data("lot").toInteger() == 10, "join");
 }
 
+void views()
+{
+    Table trades("trades");
+    trades.addColumn("number", FieldType::Integer64);
+    trades.addColumn("price", FieldType::Decimal, 2);
+    class ByPrice : public IndexSort {
+    public:
+        explicit ByPrice(Table *t) : IndexSort(t, true) {}
+        int compare(const Record &a, const Record &b) const override {
+            return a.data(1).toDecimal().compare(b.data(1).toDecimal());
+        }
+        QString getClassName() const override { return "ByPrice"; }
+    } byPrice(&trades);
+
+// A blotter: the trades by price, the columns chosen by name (all by default).
+TableModel model(&byPrice, {"number", "price"});
+QSortFilterProxyModel filter;                   // views and proxies take it as any model
+filter.setSourceModel(&model);
+filter.setSortRole(TableModel::SortRole);       // decimals sort as numbers
+// view->setModel(&filter);                     // a QTableView, in the GUI thread
+
+std::thread writer([&] {                        // the writer: another thread, in batches
+    TableUpdater batch(&trades);
+    Record trade(&trades);
+    trade.data("number") = 1LL;
+    trade.data("price") = QString("101.25");
+    trade.append();
+});
+writer.join();
+QCoreApplication::processEvents();              // the model's update: one rowsInserted
+int shown = model.rowCount();                   // 1
+
+    expect(shown == 1 && filter.rowCount() == 1, "live model");
+    expect(model.data(model.index(0, 1)).toString() == QLatin1String("101.25"), "live model cell");
+}
+
 void savingAndLoading(Table &positions)
 {
     QDir().mkpath("data");
@@ -251,6 +289,7 @@ int main(int argc, char *argv[])
     keyedTable();
     watchAndLimit();
     joins();
+    views();
     runtimeServices();
     std::printf(failures ? "tour: %d failures\n" : "tour: every snippet ran\n", failures);
     return failures ? 1 : 0;

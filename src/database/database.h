@@ -31,6 +31,7 @@
 #include "tableindexrebuilder.h"
 #include "tableio.h"
 #include "tablejoin.h"
+#include "tablemodel.h"
 #include "watchindex.h"
 
 #endif // DATABASE_DATABASE_H

@@ -8,8 +8,10 @@
 #include <QtCore/QDebug>
 #include <QtCore/QThread>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 const int Table::base = 4;
 const unsigned long long Table::maxRowSize = 64ull << 20;
@@ -166,6 +168,8 @@ Table::Table(const QString &name, const QString &title, QObject *parent)
 Table::~Table()
 {
     Q_D(Table);
+    d->destroying = true;
+    d->rowsGoing = true;
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->clear();
@@ -269,8 +273,10 @@ void Table::addColumn(const TableColumnDef &def)
     }
     d->masterIndex->clear();
     const QList<Index *> indexes = d->indexes;
+    d->rowsGoing = !rows.isEmpty();
     for (Index *index : indexes)
         index->clear();
+    d->rowsGoing = false;
 
     // The old null bits move by the slot width; as this operation always did,
     // only the bytes of the first oldColumnCount - 1 bits move, and it is bit
@@ -681,6 +687,15 @@ void Table::openBatch()
     const QList<Index *> dependents = d->dependentIndexes;
     for (Index *index : dependents)
         index->dependentBeginUpdate(this);
+    // A writer that opens batches back to back would otherwise take the lock
+    // again before a woken reader (a model on the GUI thread) gets it: let a
+    // waiting reader in first. Bounded, since this thread may hold the lock
+    // through a TableLocker of its own, and the reader would never get it.
+    if (d->lockWaiters.load(std::memory_order_acquire) > 0) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
+        while (d->lockWaiters.load(std::memory_order_acquire) > 0 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+    }
     d->mutex.lock();
     d->batchOwner.storeRelease(QThread::currentThreadId());
     d->masterIndex->beginUpdate();
@@ -705,7 +720,12 @@ void Table::closeBatch()
 
 void Table::lock()
 {
-    d_func()->mutex.lock();
+    Q_D(Table);
+    if (d->mutex.try_lock())
+        return;
+    d->lockWaiters.fetch_add(1, std::memory_order_acq_rel);
+    d->mutex.lock();
+    d->lockWaiters.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 void Table::unlock()

@@ -122,6 +122,7 @@ public:
 
 protected:
     friend class Table;
+    friend class TableModel;
     // Adds a reference to `row`, which must not be null.
     Record(const Table *table, unsigned char *row) noexcept : m_table(table), m_row(row) { RowRef::ref(m_row); }
 
@@ -295,6 +296,7 @@ protected:
     friend class TableLocker;
     friend class TableIO;
     friend class TableJoin;
+    friend class TableModel;
 
     // Only the outermost level acts: dependents hear dependentBeginUpdate,
     // the table locks, the master index and each index hear beginUpdate.

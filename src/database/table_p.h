@@ -17,6 +17,7 @@
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMap>
+#include <atomic>
 #include <mutex>
 #include <QtCore/QString>
 
@@ -53,6 +54,9 @@ public:
     // A standard mutex rather than Qt's: the same recursive lock, and one
     // that the thread sanitizer sees.
     std::recursive_mutex mutex;
+    // Readers (TableLocker) blocked on the lock; a batch about to open lets
+    // them in first.
+    std::atomic<int> lockWaiters{0};
     QAtomicInt updateDepth = 0;
     // The thread that holds the lock for a batch (an outermost beginUpdate
     // or an exclusive batch), null between batches. Other threads only ever
@@ -61,6 +65,11 @@ public:
     // A TableUpdater opened inside this thread's exclusive batch: it only
     // locks, and its end only unlocks.
     bool updateInsideExclusive = false;
+    // Set while the rows are about to be reallocated (addColumn) or freed with
+    // the table (the destructor): a holder of raw row pointers, such as a
+    // model, must stop reading them rather than keep them alive.
+    bool rowsGoing = false;
+    bool destroying = false;
 };
 
 #endif // DATABASE_TABLE_P_H

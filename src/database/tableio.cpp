@@ -270,6 +270,9 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
         qDeleteAll(list);
         if (!detached)
             return;
+        // Under the lock, as every change is: a reader on another thread
+        // (a model) must not see the indexes half rebuilt.
+        TableLocker locker(m_table);
         m_table->setIndexes(indexes);
         for (Index *index : m_table->indexes())
             index->build();

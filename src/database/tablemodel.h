@@ -1,0 +1,141 @@
+#ifndef DATABASE_TABLEMODEL_H
+#define DATABASE_TABLEMODEL_H
+
+#include "database_export.h"
+#include "table.h"
+
+#include <QtCore/QAbstractTableModel>
+#include <QtCore/QStringList>
+
+#include <memory>
+
+class IndexList;
+class IndexVector;
+class TableModelPrivate;
+
+// TableModel: an item model over one list-like index of a table (its master
+// index, an IndexList, IndexSort or IndexVector), for views and proxies.
+// Rows are the index's records in the index's order; columns are the table
+// columns chosen by name (all of them by default, in table order).
+//
+// Roles: Qt::DisplayRole is the field's display text in the system locale
+// (Field::toSystemString), Qt::EditRole and ValueRole its value
+// (Field::toVariant), SortRole a value that QSortFilterProxyModel orders
+// numerically (a decimal as a double). A null field is an invalid QVariant in
+// every role. Numeric columns align right. Horizontal headers are the column
+// titles, with the description as tool tip.
+//
+// Keeping current. The model hears the table's changes through an index of
+// its own, which only queues them: under the table's lock (so from any
+// writer thread) it notes which rows were added, removed or updated, with
+// the changed columns, and posts one event to the model's thread when the
+// batch ends. There the model takes the table's lock, compares its rows
+// with the index's and emits exactly what changed:
+//   - rowsRemoved, then rowsInserted and rowsMoved, each run of adjacent
+//     rows as one signal; rows only changed in place are not moved;
+//   - dataChanged for the changed rows and only the changed columns, runs
+//     of adjacent rows with the same columns as one signal;
+//   - past layoutThreshold() row signals in one update, one layoutChanged
+//     instead (persistent indexes follow their records; those of rows that
+//     left become invalid); past layoutThreshold() dataChanged signals, one
+//     dataChanged spanning them; a clear or rebuild of the index is one
+//     layoutChanged;
+//   - a reset when the rows were reallocated (a column added to a table with
+//     rows), the index was deleted (the model is then empty) or the table
+//     was destroyed.
+// Changes arriving while the model is busy or within updateInterval() of
+// the last update are coalesced into the next one. An update reads the
+// whole index once (a pass over the handles, about a millisecond per
+// million rows), whatever the number of changes.
+//
+// Reads. The model keeps its own snapshot of the rows' addresses. The rows
+// stay allocated while the model may show them: rows that leave the table
+// are held by the model's queue until the update that removes them from the
+// view. Every read of row data takes the table's lock (a TableLocker), so it
+// never sees a row half written; a writer's batch delays a read until it
+// ends. Cells of rows the table has dropped keep their last values until
+// the update arrives; after a column is added to a table with rows they
+// read as invalid until the reset.
+//
+// Rules: the model must be used from its own thread (the one it lives in)
+// and deleted before its table, or the table destroyed on the model's
+// thread; the index may be deleted at any time, from any thread. The
+// model learns of changes only through the table: an index reordered
+// behind its back (IndexSort::resort(), IndexVector::resort()) needs
+// refresh(). Replacing the table's master index while it has rows is not
+// followed.
+//
+// Editing: setData is not offered. A view's edit happens on the model's
+// thread, while the table's changes must come from its one writer thread
+// inside that thread's batches; an edit that opened a batch of its own
+// would be a second writer. Hosts route edits to the writer instead.
+class DATABASE_EXPORT TableModel : public QAbstractTableModel
+{
+    Q_OBJECT
+
+public:
+    enum Role {
+        ValueRole = Qt::UserRole,
+        SortRole,
+    };
+
+    // Row signals one update may emit before it becomes a layoutChanged.
+    static const int defaultLayoutThreshold;
+
+    // The table's rows in its master index's order. An unknown column name
+    // throws Exception ("Column '%1' not found in table '%2'.").
+    explicit TableModel(Table *table, const QStringList &columns = QStringList(), QObject *parent = nullptr);
+    // The rows of `index`, which must belong to a table (an index without
+    // one shows no rows).
+    explicit TableModel(IndexList *index, const QStringList &columns = QStringList(), QObject *parent = nullptr);
+    explicit TableModel(IndexVector *index, const QStringList &columns = QStringList(), QObject *parent = nullptr);
+    // Stops listening, waiting for a batch in progress to end.
+    ~TableModel() override;
+
+    // Null once the table is gone.
+    Table *table() const;
+    // The table column shown in model column `column`; -1 out of range.
+    int tableColumn(int column) const;
+    // The record shown in `row`, or a null record.
+    Record record(int row) const;
+
+    int layoutThreshold() const;
+    void setLayoutThreshold(int count);
+    // The shortest time between two updates, in milliseconds (0 by default:
+    // update as soon as the event loop gets to it).
+    int updateInterval() const;
+    void setUpdateInterval(int milliseconds);
+    // Whether changes heard from the table are not shown yet.
+    bool hasPendingChanges() const;
+
+    int rowCount(const QModelIndex &parent = QModelIndex()) const override;
+    int columnCount(const QModelIndex &parent = QModelIndex()) const override;
+    QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
+    Qt::ItemFlags flags(const QModelIndex &index) const override;
+    QHash<int, QByteArray> roleNames() const override;
+
+public Q_SLOTS:
+    // Shows the changes heard so far now, instead of at the queued update.
+    void update();
+    // Rereads the whole index (one layoutChanged).
+    void refresh();
+
+Q_SIGNALS:
+    // After each update that had changes to show.
+    void updated();
+
+protected:
+    bool event(QEvent *event) override;
+    void timerEvent(QTimerEvent *event) override;
+
+private:
+    friend class TableModelPrivate;
+    friend class TableModelListener;
+    static Record recordOf(const Table *table, unsigned char *row) { return Record(table, row); }
+    static TablePrivate *tablePrivate(Table *table) { return table->d_func(); }
+
+    std::unique_ptr<TableModelPrivate> d;
+};
+
+#endif // DATABASE_TABLEMODEL_H

@@ -1,0 +1,178 @@
+#ifndef DATABASE_TABLEMODEL_P_H
+#define DATABASE_TABLEMODEL_P_H
+
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the database API. It exists for the convenience
+// of the library's own sources and may change from version to version
+// without notice.
+//
+
+#include "index.h"
+#include "tablemodel.h"
+
+#include <QtCore/QBasicTimer>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QVariant>
+
+#include <memory>
+#include <vector>
+
+class IndexList;
+class IndexVector;
+struct TableModelLink;
+
+// What the table told the model since its last update. Guarded by the
+// table's lock: written by the writer's thread, taken by the model's.
+struct TableModelPending
+{
+    enum Kind : quint8 { Added, Removed, Updated };
+    struct Change
+    {
+        unsigned char *row;
+        int firstColumn;
+        int lastColumn;
+        Kind kind;
+    };
+
+    std::vector<Change> changes;
+    // Rows that left the table, held until the update that drops them from
+    // the view: the view may still read them.
+    std::vector<Record> kept;
+    // Reread the whole index: too many changes, or a clear or rebuild.
+    bool coarse = false;
+    // The view's own rows were put in `kept` (once is enough).
+    bool viewKept = false;
+
+    bool isEmpty() const { return changes.empty() && kept.empty() && !coarse; }
+};
+
+// The index through which the model hears its table. It never holds rows in
+// order; it only queues what changed.
+class TableModelListener : public Index
+{
+public:
+    explicit TableModelListener(TableModelPrivate *model) : m_model(model) {}
+
+    using Index::build;
+    using Index::clear;
+    void clear() override;
+    void build() override;
+    void add(const Record &record) override;
+    void process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn, int lastColumn,
+                 const QList<Record> &inserted) override;
+    void remove(const Record &record, int position) override;
+    bool filter(const Record &) const override { return true; }
+    bool contains(const Record &) const override { return false; }
+    void update(const Record &record, int firstColumn, int lastColumn, int position) override;
+    void beginUpdate() override;
+    void endUpdate() override;
+    QString getClassName() const override;
+
+private:
+    void note(const Record &record, int firstColumn, int lastColumn, TableModelPending::Kind kind);
+    void changed();
+    bool batchOpen() const;
+
+    TableModelPrivate *m_model;
+};
+
+// The rows a view sees while an update is being signalled: pieces of the
+// old and the new snapshot, so that every intermediate state between two
+// signals answers at() without copying the rows.
+class TableModelRows
+{
+public:
+    enum Origin : quint8 { Old, New };
+
+    void reset(const std::vector<unsigned char *> &rows);
+    int count() const { return m_count; }
+    unsigned char *at(int i) const;
+    // Where element `index` of the old or new snapshot stands now; -1 if
+    // it is not shown.
+    int positionOf(Origin origin, int index) const;
+    void remove(int first, int count);
+    void insert(int at, Origin origin, unsigned char *const *base, int index, int count);
+    // Qt's move: `to` counts positions before the move.
+    void move(int first, int count, int to);
+
+private:
+    struct Piece
+    {
+        unsigned char *const *base; // the snapshot's first element
+        int index;                        // first element of the piece
+        int count;
+        Origin origin;
+    };
+    // Splits so that a piece starts at position i; answers that piece.
+    int split(int i);
+    void recount();
+
+    std::vector<Piece> m_pieces;
+    std::vector<int> m_starts;
+    int m_count = 0;
+};
+
+class TableModelPrivate
+{
+public:
+    explicit TableModelPrivate(TableModel *q) : q(q), listener(this) {}
+
+    void attach(Table *table, IndexList *list, IndexVector *vector, const QStringList &columns);
+    void resolveColumns();
+    void detach();
+    void post();
+    // The index's rows now; false when there is nothing to read.
+    bool readSource(std::vector<unsigned char *> &rows) const;
+    void update(bool forceLayout);
+    bool updateFine(std::vector<unsigned char *> &next, TableModelPending &pending);
+    void updateLayout(std::vector<unsigned char *> &next);
+    void updateReset(std::vector<unsigned char *> &next);
+
+    TableModel *q;
+    TableModelListener listener;
+    Table *table = nullptr; // null once detached
+    IndexList *list = nullptr;
+    IndexVector *vector = nullptr;
+    bool useMaster = false;
+    bool registered = false;
+    // Lets the watcher of the index's removal outlive the model.
+    std::shared_ptr<TableModelLink> link;
+    QStringList columnNames; // empty: every column
+    std::vector<int> columns;
+
+    // Shared with the listener, under the table's lock.
+    TableModelPending pending;
+    bool posted = false;
+    bool inBatch = false;
+    bool stale = false;    // the rows were reallocated: read nothing
+    bool resetDue = false; // detached or reallocated: the next update resets
+    bool threadWarned = false;
+
+    // Cells read since the last update, a page of rows and one role at a
+    // time, most recent first.
+    static const int PageRows = 64;
+    static const size_t MaxPages = 16;
+    struct Page
+    {
+        int page;
+        int role;
+        std::vector<QVariant> cells;
+    };
+    QVariant cell(unsigned char *row, int column, int role) const;
+
+    // The model's thread only.
+    mutable std::vector<Page> pages;
+    std::vector<unsigned char *> rows;
+    std::vector<unsigned char *> spare; // the previous rows: only their buffer is used
+    TableModelRows view;
+    int threshold;
+    int interval = 0;
+    bool updating = false;
+    QElapsedTimer sinceUpdate;
+    QBasicTimer timer;
+};
+
+#endif // DATABASE_TABLEMODEL_P_H
