@@ -8,6 +8,7 @@
 #include <database/exception.h>
 #include <database/indexvector.h>
 #include <database/masterindex.h>
+#include <database/tableindexrebuilder.h>
 #include <database/tableio.h>
 #include <database/tablemodel.h>
 
@@ -163,6 +164,13 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
              table.addColumn(QStringLiteral("extra"), FieldType::Integer);
          },
          "reset"},
+        {"indexes rebuilt",
+         [&] {
+             TableUpdater batch(&table);
+             TableIndexRebuilder rebuilder(&table);
+             appendRow(table, {5, 12});
+         },
+         "layout"},
         {"index deleted", [&] { index.reset(); }, "reset"},
     };
     for (const Step &step : steps) {

@@ -166,7 +166,9 @@ Q_DECLARE_TYPEINFO(Record, Q_MOVABLE_TYPE);
 //     locks, and a nested level only counts, whichever thread opens it: a
 //     second thread that opens a TableUpdater while another's batch is open
 //     is let in unlocked. Builds with assertions stop there with a message.
-//   - Readers on other threads hold a TableLocker while they read.
+//   - Readers on other threads hold a TableLocker while they read. A batch
+//     about to open lets readers already waiting for the lock in first (it
+//     waits up to 2 ms for them), so back-to-back batches do not starve them.
 //   - The change operations above take no lock themselves.
 //   - Schema changes (addColumn) are made by the owning thread before rows
 //     are shared.

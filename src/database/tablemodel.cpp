@@ -304,21 +304,32 @@ void TableModelPrivate::attach(Table *t, IndexList *l, IndexVector *v, const QSt
     if (!useMaster) {
         const Index *watched = list ? static_cast<Index *>(list) : static_cast<Index *>(vector);
         const std::shared_ptr<TableModelLink> watch = link;
-        // Runs on the thread that deletes the index, as the index leaves the
-        // table; the lock waits for an update reading the index to finish.
+        // An index leaves the table when it is deleted, and for a while when
+        // a TableIndexRebuilder takes every index off. Both run on the thread
+        // that does it, under the table's lock (the rebuilder inside the
+        // writer's batch, the deletion waiting here for an update reading
+        // the index to finish); an update that finds the index still off
+        // takes it for deleted.
         QObject::connect(
             t, &Table::indexRemoved, q,
             [watch, watched, t](Index *index) {
                 if (index != watched)
                     return;
                 TableLocker locker(t);
-                TableModelPrivate *m = watch->model;
-                if (!m)
+                if (TableModelPrivate *m = watch->model) {
+                    m->sourceOff = true;
+                    m->post();
+                }
+            },
+            Qt::DirectConnection);
+        QObject::connect(
+            t, &Table::indexAdded, q,
+            [watch, watched, t](Index *index) {
+                if (index != watched)
                     return;
-                m->list = nullptr;
-                m->vector = nullptr;
-                m->resetDue = true;
-                m->post();
+                TableLocker locker(t);
+                if (TableModelPrivate *m = watch->model)
+                    m->sourceOff = false;
             },
             Qt::DirectConnection);
     }
@@ -400,6 +411,13 @@ void TableModelPrivate::update(bool forceLayout)
             return;
         }
         posted = false;
+        if (sourceOff) {
+            // The index was deleted: from now on the model shows nothing.
+            sourceOff = false;
+            list = nullptr;
+            vector = nullptr;
+            resetDue = true;
+        }
         TableModelPending taken;
         std::swap(taken, pending);
         if (resetDue || forceLayout || !taken.isEmpty()) {

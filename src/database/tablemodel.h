@@ -51,15 +51,18 @@ class TableModelPrivate;
 // Reads. The model keeps its own snapshot of the rows' addresses. The rows
 // stay allocated while the model may show them: rows that leave the table
 // are held by the model's queue until the update that removes them from the
-// view. Every read of row data takes the table's lock (a TableLocker), so it
-// never sees a row half written; a writer's batch delays a read until it
-// ends. Cells of rows the table has dropped keep their last values until
-// the update arrives; after a column is added to a table with rows they
-// read as invalid until the reset.
+// view. Cells are read under the table's lock (a TableLocker), so never
+// from a row half written, a page of 64 rows at a time: the values are kept
+// until the next update, and a writer's batch delays a repaint once rather
+// than once per cell. A batch about to open lets a waiting reader take the
+// lock first, so a writer that opens batches back to back does not starve
+// the view. After a column is added to a table with rows, cells not read
+// before read as invalid until the reset.
 //
 // Rules: the model must be used from its own thread (the one it lives in)
 // and deleted before its table, or the table destroyed on the model's
-// thread; the index may be deleted at any time, from any thread. The
+// thread; the index may be deleted at any time, from any thread (a
+// TableIndexRebuilder may take it off the table meanwhile). The
 // model learns of changes only through the table: an index reordered
 // behind its back (IndexSort::resort(), IndexVector::resort()) needs
 // refresh(). Replacing the table's master index while it has rows is not

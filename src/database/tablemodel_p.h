@@ -149,6 +149,7 @@ public:
     bool inBatch = false;
     bool stale = false;    // the rows were reallocated: read nothing
     bool resetDue = false; // detached or reallocated: the next update resets
+    bool sourceOff = false; // the index left the table (deleted, or off for a rebuild)
     bool threadWarned = false;
 
     // Cells read since the last update, a page of rows and one role at a
