@@ -59,14 +59,14 @@ class TableModelPrivate;
 // the view. After a column is added to a table with rows, cells not read
 // before read as invalid until the reset.
 //
-// Rules: the model must be used from its own thread (the one it lives in)
-// and deleted before its table, or the table destroyed on the model's
-// thread; the index may be deleted at any time, from any thread (a
-// TableIndexRebuilder may take it off the table meanwhile). The
-// model learns of changes only through the table: an index reordered
-// behind its back (IndexSort::resort(), IndexVector::resort()) needs
-// refresh(). Replacing the table's master index while it has rows is not
-// followed.
+// Rules: the model must be used from its own thread (the one it lives in),
+// which runs an event loop or calls update() itself; it must be deleted
+// before its table, or the table destroyed on the model's thread. The index
+// may be deleted at any time, from any thread (a TableIndexRebuilder may
+// also take it off the table for a while). The model learns of changes only
+// through the table: an index reordered behind its back
+// (IndexSort::resort(), IndexVector::resort()) needs refresh(). Replacing
+// the table's master index while it has rows is not followed.
 //
 // Editing: setData is not offered. A view's edit happens on the model's
 // thread, while the table's changes must come from its one writer thread

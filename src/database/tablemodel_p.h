@@ -146,7 +146,6 @@ public:
     // Shared with the listener, under the table's lock.
     TableModelPending pending;
     bool posted = false;
-    bool inBatch = false;
     bool stale = false;    // the rows were reallocated: read nothing
     bool resetDue = false; // detached or reallocated: the next update resets
     bool sourceOff = false; // the index left the table (deleted, or off for a rebuild)
