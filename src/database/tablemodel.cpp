@@ -841,7 +841,10 @@ int TableModel::layoutThreshold() const
 
 void TableModel::setLayoutThreshold(int count)
 {
-    d->threshold = std::max(0, count);
+    // Row signals cost a proxy a pass over its rows each, and this model a
+    // walk over the pieces of the view: past a thousand, one layout change
+    // is cheaper for everybody.
+    d->threshold = std::min(std::max(0, count), 1000);
 }
 
 int TableModel::updateInterval() const

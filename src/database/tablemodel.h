@@ -103,6 +103,7 @@ public:
     Record record(int row) const;
 
     int layoutThreshold() const;
+    // Taken between 0 (every change is a layout change) and 1000.
     void setLayoutThreshold(int count);
     // The shortest time between two updates, in milliseconds (0 by default:
     // update as soon as the event loop gets to it).
