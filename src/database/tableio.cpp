@@ -367,8 +367,18 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
             }
             const qint64 full = got / record;
             const int partial = static_cast<int>(got % record);
-            for (qint64 i = 0; i < full; ++i)
-                make(reinterpret_cast<const unsigned char *>(chunk.data() + i * record));
+            for (qint64 i = 0; i < full; ++i) {
+                const char *at = chunk.data() + i * record;
+                if (readable < layout) {
+                    // A record shorter than the stored layout: the convertors
+                    // read the whole layout, so give them the buffer, whose
+                    // tail is zeros, as a record-at-a-time read does.
+                    std::memcpy(buffer.data(), at, static_cast<size_t>(readable));
+                    make(buffer.data());
+                } else {
+                    make(reinterpret_cast<const unsigned char *>(at));
+                }
+            }
             if (full > 0)
                 std::memcpy(buffer.data(), chunk.data() + (full - 1) * record, static_cast<size_t>(readable));
             r += full;

@@ -44,6 +44,10 @@ put('string-length-huge', patched(LENGTH, 1500000000),
 put('row-count-negative', patched(ROWS, -5), 'rows 0')
 put('row-count-huge', patched(ROWS, 2**31 - 1), f'rows-at-most {3 + 65536}')
 put('record-length-short', patched(RECORD, 10), 'rows 3')
+# Records far shorter than a stored layout as wide as a read chunk: the
+# column after the string starts where the chunk of 7084 records of 37 bytes
+# ends, for the third record (256 KiB reads).
+put('string-length-wide', patched(LENGTH, 131016), 'rows 3')
 put('record-length-long', patched(RECORD, 100), 'rows 3')
 put('record-length-negative', patched(RECORD, -7), 'rows 3')
 for cut in (1, 2, 6, 20, 38, 60, 100, 162, 164, 168, 172, 174, 190, len(plain) - 1):
