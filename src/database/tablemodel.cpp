@@ -310,28 +310,20 @@ void TableModelPrivate::attach(Table *t, IndexList *l, IndexVector *v, const QSt
         // writer's batch, the deletion waiting here for an update reading
         // the index to finish); an update that finds the index still off
         // takes it for deleted.
-        QObject::connect(
-            t, &Table::indexRemoved, q,
-            [watch, watched, t](Index *index) {
+        auto follow = [watch, watched, t](bool off) {
+            return [watch, watched, t, off](Index *index) {
                 if (index != watched)
                     return;
                 TableLocker locker(t);
                 if (TableModelPrivate *m = watch->model) {
-                    m->sourceOff = true;
-                    m->post();
+                    m->sourceOff = off;
+                    if (off)
+                        m->post();
                 }
-            },
-            Qt::DirectConnection);
-        QObject::connect(
-            t, &Table::indexAdded, q,
-            [watch, watched, t](Index *index) {
-                if (index != watched)
-                    return;
-                TableLocker locker(t);
-                if (TableModelPrivate *m = watch->model)
-                    m->sourceOff = false;
-            },
-            Qt::DirectConnection);
+            };
+        };
+        QObject::connect(t, &Table::indexRemoved, q, follow(true), Qt::DirectConnection);
+        QObject::connect(t, &Table::indexAdded, q, follow(false), Qt::DirectConnection);
     }
 }
 
