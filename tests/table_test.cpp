@@ -363,65 +363,52 @@ TEST(TableRows, LookupByKeyTextOnAnArrivalOrderTable)
 
 // --- The update protocol -------------------------------------------------------------
 
-TEST_F(ProtocolTest, AppendReachesMasterThenAcceptingIndexes)
+TEST_F(ProtocolTest, EachChangeReachesTheIndexesInItsOrder)
 {
-    makeRow(table, {1, 7}).append();
-    EXPECT_EQ(log, QStringList({"master:add(7)", "first:add(7)"}));
-    EXPECT_EQ(table.rowCount(), 1);
-}
-
-TEST_F(ProtocolTest, AppendListGoesThroughProcess)
-{
-    table.appendList({makeRow(table, {1, 1}), makeRow(table, {2, 2})});
-    EXPECT_EQ(log, QStringList({"master:process([],[],-1,-1,[1,2])", "first:process([],[],-1,-1,[1,2])",
-                                "second:process([],[],-1,-1,[1,2])"}));
-    // The vector form is heard the same way.
-    log.clear();
-    table.appendRecords(QVector<Record>{makeRow(table, {3, 3}), makeRow(table, {4, 4})});
-    EXPECT_EQ(log, QStringList({"master:process([],[],-1,-1,[3,4])", "first:process([],[],-1,-1,[3,4])",
-                                "second:process([],[],-1,-1,[3,4])"}));
-    EXPECT_EQ(table.rowCount(), 4);
-}
-
-TEST_F(ProtocolTest, RemoveReachesIndexesThenMasterWithItsPosition)
-{
-    const Record record = makeRow(table, {1, 7});
-    record.append();
-    log.clear();
-    table.remove(record, 0);
-    EXPECT_EQ(log, QStringList({"first:remove(7,-1)", "second:remove(7,-1)", "master:remove(7,0)"}));
-    EXPECT_EQ(table.rowCount(), 0);
-}
-
-TEST_F(ProtocolTest, UpdatedReachesMasterFirst)
-{
-    const Record record = makeRow(table, {1, 7});
-    record.append();
-    log.clear();
-    table.updated(record, 0, 1, 0);
-    record.updated(1);
-    EXPECT_EQ(log, QStringList({"master:update(7,0,1,0)", "first:update(7,0,1,-1)", "second:update(7,0,1,-1)",
-                                "master:update(7,1,1,-1)", "first:update(7,1,1,-1)", "second:update(7,1,1,-1)"}));
-}
-
-TEST_F(ProtocolTest, KeeperPassesSavedPositionsAndSkipsTheMaster)
-{
-    const Record record = makeRow(table, {1, 7});
-    const Table::UpdateKeeper keeper = table.buildKeeper(record);
-    EXPECT_EQ(keeper, Table::UpdateKeeper({107, 107}));
-    table.updated(record, keeper);
-    EXPECT_EQ(log, QStringList({"first:update(7,0,1,107)", "second:update(7,0,1,107)"}));
-}
-
-TEST_F(ProtocolTest, ProcessClearAndBuild)
-{
+    const Record seven = makeRow(table, {1, 7});
     const Record a = makeRow(table, {1, 1}), b = makeRow(table, {2, 2}), c = makeRow(table, {3, 3});
-    table.process({a}, {b}, 0, 1, {c});
-    table.clear();
-    table.build();
-    EXPECT_EQ(log, QStringList({"master:process([1],[2],0,1,[3])", "first:process([1],[2],0,1,[3])",
-                                "second:process([1],[2],0,1,[3])", "first:clear", "second:clear",
-                                "master:clear", "first:build", "second:build"}));
+    const QString batch12 = QStringLiteral("process([],[],-1,-1,[1,2])");
+    struct Step
+    {
+        const char *what;
+        std::function<void()> change;
+        QStringList expected;
+    };
+    const std::vector<Step> steps = {
+        {"append: master, then accepting indexes", [&] { seven.append(); }, {"master:add(7)", "first:add(7)"}},
+        {"updated: master first; the record form is the whole row",
+         [&] {
+             table.updated(seven, 0, 1, 0);
+             seven.updated(1);
+         },
+         {"master:update(7,0,1,0)", "first:update(7,0,1,-1)", "second:update(7,0,1,-1)", "master:update(7,1,1,-1)",
+          "first:update(7,1,1,-1)", "second:update(7,1,1,-1)"}},
+        {"keeper: saved positions, the master skipped",
+         [&] { table.updated(seven, table.buildKeeper(seven)); },
+         {"first:update(7,0,1,107)", "second:update(7,0,1,107)"}},
+        {"remove: indexes, then the master with its position", [&] { table.remove(seven, 0); },
+         {"first:remove(7,-1)", "second:remove(7,-1)", "master:remove(7,0)"}},
+        {"appendList and appendRecords go through process",
+         [&] {
+             table.appendList({makeRow(table, {1, 1}), makeRow(table, {2, 2})});
+             table.appendRecords(QVector<Record>{makeRow(table, {3, 1}), makeRow(table, {4, 2})});
+         },
+         {"master:" + batch12, "first:" + batch12, "second:" + batch12, "master:" + batch12, "first:" + batch12,
+          "second:" + batch12}},
+        {"process, clear and build",
+         [&] {
+             table.process({a}, {b}, 0, 1, {c});
+             table.clear();
+             table.build();
+         },
+         {"master:process([1],[2],0,1,[3])", "first:process([1],[2],0,1,[3])", "second:process([1],[2],0,1,[3])",
+          "first:clear", "second:clear", "master:clear", "first:build", "second:build"}},
+    };
+    for (const Step &step : steps) {
+        log.clear();
+        step.change();
+        EXPECT_EQ(log, step.expected) << step.what;
+    }
     EXPECT_EQ(table.rowCount(), 0);
 }
 
@@ -454,33 +441,6 @@ TEST_F(ProtocolTest, AnExceptionStillClosesTheBatch)
         locked = true;
     }).waitForFinished();
     EXPECT_TRUE(locked);
-}
-
-TEST_F(ProtocolTest, AnUpdaterLocksOutOtherThreads)
-{
-    // Whenever the reader reaches its lock, it gets it only after the batch
-    // closed: the order of the two log lines says so, with no timing assumed.
-    std::mutex logMutex;
-    QStringList events;
-    std::atomic<bool> trying{false};
-    QFuture<void> reader;
-    {
-        TableUpdater updater(&table);
-        reader = QtConcurrent::run([&] {
-            trying = true;
-            TableLocker locker(&table);
-            std::lock_guard<std::mutex> guard(logMutex);
-            events << QStringLiteral("reader locked");
-        });
-        while (!trying)
-            std::this_thread::yield();
-        for (int i = 0; i < 1000; ++i) // most likely blocked by now
-            std::this_thread::yield();
-        std::lock_guard<std::mutex> guard(logMutex);
-        events << QStringLiteral("batch closing");
-    }
-    reader.waitForFinished();
-    EXPECT_EQ(events, QStringList({"batch closing", "reader locked"}));
 }
 
 TEST_F(ProtocolTest, RegistrationSignalsAndNames)

@@ -403,45 +403,6 @@ TEST(TableIO, ThousandsOfColumnsLoadInLinearTime)
     EXPECT_EQ(table.columnDef(9).nullMask, 1 << 1);
 }
 
-TEST(TableIO, ADamagedGzipFileIsReportedAndBounded)
-{
-    registerJsonSettingsFormat();
-    QTemporaryDir folder;
-    const QDir dir(folder.path());
-    // A header that promises a million rows, ten rows, and a gzip stream
-    // cut inside its trailer.
-    Table source(QStringLiteral("cut"));
-    source.addColumn(QStringLiteral("n"), FieldType::Integer);
-    for (int i = 0; i < 10; ++i)
-        appendRow(source, {i});
-    QByteArray bytes = save(source);
-    QDataStream patch(&bytes, QIODevice::ReadWrite);
-    patch.device()->seek(bytes.size() - 10 * 5 - 12);
-    patch << qint32(1000000);
-    QFile gz(dir.filePath(QStringLiteral("cut.gz")));
-    ASSERT_TRUE(gz.open(QIODevice::WriteOnly));
-    gz.write(deflateWithZlib(bytes, 31).chopped(3));
-    gz.close();
-
-    Table target(QStringLiteral("cut"));
-    target.addColumn(QStringLiteral("n"), FieldType::Integer);
-    MessageCapture capture;
-    TableIO io(&target);
-    io.read(dir, false);
-    EXPECT_TRUE(io.errorString().contains(QLatin1String("cut short"))) << io.errorString().toStdString();
-    ASSERT_EQ(capture.messages.size(), 1);
-    EXPECT_TRUE(capture.messages.first().contains(QDir::toNativeSeparators(gz.fileName())));
-    EXPECT_GE(target.rowCount(), 10);
-    EXPECT_LE(target.rowCount(), 10 + 65536);
-
-    // A complete file reads without an error.
-    TableIO(&source).write(dir);
-    TableIO clean(&target);
-    clean.read(dir, false);
-    EXPECT_TRUE(clean.errorString().isEmpty());
-    EXPECT_EQ(target.rowCount(), 10);
-}
-
 // Every damaged file of tests/data/damaged (see generate.py there) loads to
 // the outcome its manifest names, through a folder read as in use.
 TEST(TableIO, DamagedFilesHaveTheirDocumentedOutcomes)
