@@ -12,7 +12,9 @@
 #include <database/tableio.h>
 #include <database/tablemodel.h>
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDataStream>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QEventLoop>
 #include <QtCore/QRandomGenerator>
 #include <QtCore/QSortFilterProxyModel>
@@ -21,6 +23,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 
 namespace {
@@ -50,6 +54,9 @@ public:
                          });
         QObject::connect(&model, &QAbstractItemModel::dataChanged, [this](const QModelIndex &a, const QModelIndex &b) {
             log(QStringLiteral("d%1,%2-%3,%4").arg(a.row()).arg(a.column()).arg(b.row()).arg(b.column()));
+        });
+        QObject::connect(&model, &QAbstractItemModel::columnsInserted, [this](const QModelIndex &, int f, int l) {
+            log(QStringLiteral("c%1-%2").arg(f).arg(l));
         });
         QObject::connect(&model, &QAbstractItemModel::layoutChanged, [this] { log("layout"), reread(); });
         QObject::connect(&model, &QAbstractItemModel::modelReset, [this] { log("reset"), reread(); });
@@ -171,6 +178,27 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
              appendRow(table, {5, 12});
          },
          "layout"},
+        {"an update while the index is off for a rebuild",
+         [&] {
+             TableIndexRebuilder rebuilder(&table);
+             appendRow(table, {6, 13});
+             model.update(); // waits for the index to come back
+         },
+         "layout"},
+        {"a load adds a column",
+         [&] {
+             Table wider(QStringLiteral("wider"));
+             for (const ColumnDef &column : table.columns())
+                 wider.addColumn(column.name, column.type, column.length);
+             wider.addColumn(QStringLiteral("added"), FieldType::Integer);
+             appendRow(wider, {7, 14});
+             QByteArray bytes;
+             QDataStream out(&bytes, QIODevice::WriteOnly);
+             TableIO(&wider).write(out);
+             QDataStream in(bytes);
+             TableIO(&table).read(in, true);
+         },
+         "c4-4 layout"},
         {"index deleted", [&] { index.reset(); }, "reset"},
     };
     for (const Step &step : steps) {
@@ -184,8 +212,43 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
         }
     }
     EXPECT_EQ(model.rowCount(), 0);
-    EXPECT_EQ(model.columnCount(), 4);
+    EXPECT_EQ(model.columnCount(), 5);
     EXPECT_FALSE(model.hasPendingChanges());
+}
+
+// The slots of views run without the table's lock: a slot that waits for
+// another thread's reader (or takes a joined table's lock) does not stall
+// the writer. A new master index frees the rows of the old one, but not
+// those the model still shows.
+TEST(TableModel, SignalsGoOutWithoutTheLockAndShownRowsOutliveTheirIndex)
+{
+    Table table(QStringLiteral("t"));
+    addColumns(table);
+    for (int i = 0; i < 3; ++i) {
+        const Record row = makeRow(table, {i, 10 + i});
+        row.data(2) = QStringLiteral("n%1").arg(i);
+        row.append();
+    }
+    TableModel model(&table);
+    QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
+    std::future<void> reader;
+    bool lockFree = false;
+    QObject::connect(&model, &QAbstractItemModel::rowsInserted, [&] {
+        reader = std::async(std::launch::async, [&] { TableLocker locker(&table); });
+        lockFree = reader.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+    });
+    appendRow(table, {3, 13});
+    model.update();
+    reader.wait();
+    EXPECT_TRUE(lockFree);
+
+    table.setMasterIndex(new MasterIndexOrdered(&table));
+    EXPECT_EQ(table.rowCount(), 0);
+    for (int r = 0; r < 4; ++r)
+        EXPECT_EQ(model.data(model.index(r, 1)).toInt(), 10 + r) << r;
+    EXPECT_EQ(model.data(model.index(2, 2)).toString(), QStringLiteral("n2"));
+    model.update();
+    EXPECT_EQ(model.rowCount(), 0);
 }
 
 // An index in arrival order and one in one vector, beside the sorted one.
@@ -311,7 +374,12 @@ TEST(TableModel, StaysCurrentWhileAWorkerThreadWrites)
     worker->start();
     loop.exec();
     worker->wait();
-    model.update();
+    // Only the events the batches' ends posted bring the model up to date.
+    QElapsedTimer waited;
+    waited.start();
+    while (model.hasPendingChanges() && waited.elapsed() < 10000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    EXPECT_FALSE(model.hasPendingChanges());
 
     EXPECT_GT(updates, 0);
     expectShows(model, recorder, table, [&] { return rowsOf(sorted); });

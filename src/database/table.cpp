@@ -2,12 +2,16 @@
 
 #include "exception.h"
 #include "index.h"
+#include "lockorder_p.h"
 #include "masterindex.h"
 #include "table_p.h"
+#include "tablejoin.h"
+#include "tablemodel_p.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QThread>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -168,6 +172,7 @@ Table::Table(const QString &name, const QString &title, QObject *parent)
 Table::~Table()
 {
     Q_D(Table);
+    LockOrder::forget(this);
     d->destroying = true;
     d->rowsGoing = true;
     const QList<Index *> indexes = d->indexes;
@@ -498,8 +503,15 @@ MasterIndex *Table::masterIndex() const
 void Table::setMasterIndex(MasterIndex *index)
 {
     Q_D(Table);
-    if (d->masterIndex && d->masterIndex != index)
+    if (d->masterIndex && d->masterIndex != index) {
+        // Deleting the master index may free the rows: a model over it
+        // holds those it shows until it has read the new one.
+        for (Index *listener : qAsConst(d->indexes)) {
+            if (auto *model = dynamic_cast<TableModelListener *>(listener))
+                model->holdRows();
+        }
         delete d->masterIndex;
+    }
     d->masterIndex = index;
 }
 
@@ -549,10 +561,17 @@ void Table::remove(const Record &record, int position)
     d->masterIndex->remove(record, position);
 }
 
+void Table::widenByJoins(int &firstColumn, int &lastColumn) const
+{
+    for (const TableJoin *join : d_func()->joins)
+        join->widen(firstColumn, lastColumn);
+}
+
 void Table::updated(const Record &record, int firstColumn, int lastColumn, int position)
 {
     Q_D(Table);
     d->masterIndex->update(record, firstColumn, lastColumn, position);
+    widenByJoins(firstColumn, lastColumn);
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->update(record, firstColumn, lastColumn, -1);
@@ -575,6 +594,7 @@ Table::UpdateKeeper Table::buildKeeper(const Record &record) const
 
 void Table::updated(const Record &record, const UpdateKeeper &keeper, int firstColumn, int lastColumn)
 {
+    widenByJoins(firstColumn, lastColumn);
     const QList<Index *> indexes = d_func()->indexes;
     for (int i = 0; i < indexes.size(); ++i)
         indexes[i]->update(record, firstColumn, lastColumn, keeper.value(i, -1));
@@ -590,6 +610,8 @@ void Table::process(const QList<Record> &removed, const QList<Record> &updated, 
 {
     Q_D(Table);
     d->masterIndex->process(removed, updated, firstColumn, lastColumn, inserted);
+    if (!updated.isEmpty())
+        widenByJoins(firstColumn, lastColumn);
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->process(removed, updated, firstColumn, lastColumn, inserted);
@@ -642,7 +664,7 @@ void Table::beginUpdate()
     if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
         // Inside this thread's exclusive batch: the indexes have heard its
         // beginning already.
-        d->mutex.lock();
+        acquire();
         d->updateInsideExclusive = true;
         return;
     }
@@ -656,7 +678,7 @@ void Table::endUpdate()
         return;
     if (d->updateInsideExclusive) {
         d->updateInsideExclusive = false;
-        d->mutex.unlock();
+        release();
         return;
     }
     closeBatch();
@@ -666,7 +688,7 @@ bool Table::beginExclusiveUpdate()
 {
     Q_D(Table);
     if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
-        d->mutex.lock();
+        acquire();
         return false;
     }
     openBatch();
@@ -678,7 +700,7 @@ void Table::endExclusiveUpdate(bool opened)
     if (opened)
         closeBatch();
     else
-        d_func()->mutex.unlock();
+        release();
 }
 
 void Table::openBatch()
@@ -696,7 +718,7 @@ void Table::openBatch()
         while (d->lockWaiters.load(std::memory_order_acquire) > 0 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::yield();
     }
-    d->mutex.lock();
+    acquire();
     d->batchOwner.storeRelease(QThread::currentThreadId());
     d->masterIndex->beginUpdate();
     const QList<Index *> indexes = d->indexes;
@@ -712,7 +734,7 @@ void Table::closeBatch()
     for (Index *index : indexes)
         index->endUpdate();
     d->batchOwner.storeRelease(nullptr);
-    d->mutex.unlock();
+    release();
     const QList<Index *> dependents = d->dependentIndexes;
     for (Index *index : dependents)
         index->dependentEndUpdate(this);
@@ -720,15 +742,59 @@ void Table::closeBatch()
 
 void Table::lock()
 {
-    Q_D(Table);
-    if (d->mutex.try_lock())
-        return;
-    d->lockWaiters.fetch_add(1, std::memory_order_acq_rel);
-    d->mutex.lock();
-    d->lockWaiters.fetch_sub(1, std::memory_order_acq_rel);
+    acquire();
 }
 
 void Table::unlock()
 {
-    d_func()->mutex.unlock();
+    release();
+}
+
+void Table::acquire()
+{
+    Q_D(Table);
+    // Checked before blocking: a wrong order is reported, not deadlocked on.
+    LockOrder::acquired(this);
+    if (!d->mutex.try_lock()) {
+        d->lockWaiters.fetch_add(1, std::memory_order_acq_rel);
+        d->mutex.lock();
+        d->lockWaiters.fetch_sub(1, std::memory_order_acq_rel);
+    }
+    if (d->lockDepth++ == 0)
+        d->lockOwner.store(QThread::currentThreadId(), std::memory_order_release);
+}
+
+void Table::release()
+{
+    Q_D(Table);
+    std::vector<TablePrivate::UnlockHook> hooks;
+    if (--d->lockDepth == 0) {
+        d->lockOwner.store(nullptr, std::memory_order_release);
+        hooks.swap(d->unlockHooks);
+    }
+    d->mutex.unlock();
+    LockOrder::released(this);
+    for (const TablePrivate::UnlockHook &hook : hooks)
+        hook.run(hook.cookie);
+}
+
+bool TablePrivate::heldByCurrentThread() const
+{
+    return lockOwner.load(std::memory_order_acquire) == QThread::currentThreadId();
+}
+
+void TablePrivate::runAfterUnlock(void (*run)(void *), void *cookie)
+{
+    for (const UnlockHook &hook : unlockHooks) {
+        if (hook.cookie == cookie)
+            return;
+    }
+    unlockHooks.push_back({run, cookie});
+}
+
+void TablePrivate::dropUnlockHooks(void *cookie)
+{
+    unlockHooks.erase(std::remove_if(unlockHooks.begin(), unlockHooks.end(),
+                                     [cookie](const UnlockHook &hook) { return hook.cookie == cookie; }),
+                      unlockHooks.end());
 }

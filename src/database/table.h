@@ -299,6 +299,7 @@ protected:
     friend class TableIO;
     friend class TableJoin;
     friend class TableModel;
+    friend class TableIndexRebuilder;
 
     // Only the outermost level acts: dependents hear dependentBeginUpdate,
     // the table locks, the master index and each index hear beginUpdate.
@@ -330,6 +331,13 @@ protected:
 private:
     void openBatch();
     void closeBatch();
+    // Every level of the lock is taken and let go of here: the owner and
+    // depth are kept, the lock order checked, the unlock hooks run.
+    void acquire();
+    void release();
+    // The range the ordinary indexes hear: a change of a join key refills
+    // the joined columns before they hear of it.
+    void widenByJoins(int &firstColumn, int &lastColumn) const;
     void updateNullLayout();
 
     Q_DECLARE_PRIVATE(Table)

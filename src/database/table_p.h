@@ -19,10 +19,12 @@
 #include <QtCore/QMap>
 #include <atomic>
 #include <mutex>
+#include <vector>
 #include <QtCore/QString>
 
 class Index;
 class MasterIndex;
+class TableJoin;
 
 class TablePrivate
 {
@@ -70,6 +72,32 @@ public:
     // model, must stop reading them rather than keep them alive.
     bool rowsGoing = false;
     bool destroying = false;
+
+    // The thread that holds `mutex` and how many levels it holds; only the
+    // holder writes them. Others only compare the owner with their own id.
+    std::atomic<void *> lockOwner{nullptr};
+    int lockDepth = 0;
+    bool heldByCurrentThread() const;
+
+    // Run once each on the thread that lets go of the lock's last level,
+    // after it has: work that must take other tables' locks in their order
+    // (a join refilling its main table after a change under a bare lock).
+    // Added and taken under the lock.
+    struct UnlockHook
+    {
+        void (*run)(void *);
+        void *cookie;
+    };
+    std::vector<UnlockHook> unlockHooks;
+    // Adds the hook unless one with this cookie is waiting already.
+    void runAfterUnlock(void (*run)(void *), void *cookie);
+    void dropUnlockHooks(void *cookie);
+    // The joins whose main table this is: an update of a join key reaches
+    // the indexes as a change of the joined columns too.
+    QList<TableJoin *> joins;
+    // TableIndexRebuilders alive on this table: an index off the table
+    // meanwhile is coming back, not deleted. Read by a model's thread.
+    std::atomic<int> rebuilders{0};
 };
 
 #endif // DATABASE_TABLE_P_H

@@ -2,11 +2,15 @@
 
 #include "index.h"
 #include "table.h"
+#include "table_p.h"
 #include "tablejoin.h"
+
+#include <QtCore/QScopeGuard>
 
 TableIndexRebuilder::TableIndexRebuilder(Table *table)
     : m_table(table)
 {
+    ++m_table->d_func()->rebuilders;
     const QList<Index *> indexes = m_table->indexes();
     for (Index *index : indexes) {
         m_saved.append(qMakePair(index, m_table->indexName(index)));
@@ -21,9 +25,24 @@ TableIndexRebuilder::TableIndexRebuilder(Table *table)
 
 TableIndexRebuilder::~TableIndexRebuilder() noexcept(false)
 {
+    auto done = qScopeGuard([this] { --m_table->d_func()->rebuilders; });
+    // A join's main index goes first of all: it fills the joined columns,
+    // which every other index of the table may read, those of the
+    // "IndexDepend" group too. Only a real one: its class name alone puts
+    // an index with the plain ones.
+    QList<Index *> joinMains;
+    for (Index *index : qAsConst(m_otherIndexes)) {
+        bool isDependent = true;
+        if (TableJoin::isJoinIndex(index, &isDependent) && !isDependent && TableJoin::table(index))
+            joinMains.append(index);
+    }
+    for (Index *index : qAsConst(joinMains))
+        index->build(true);
     for (const QList<Index *> *group : {&m_joinIndexes, &m_dependIndexes, &m_otherIndexes}) {
-        for (Index *index : *group)
-            index->build(true);
+        for (Index *index : *group) {
+            if (!joinMains.contains(index))
+                index->build(true);
+        }
     }
     for (const auto &saved : qAsConst(m_saved)) {
         m_table->addIndex(saved.first);

@@ -263,21 +263,21 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
         return;
     const QList<Index *> indexes = m_table->indexes();
     QList<FieldDefConvertor *> list;
+    auto freeConvertors = qScopeGuard([&] { qDeleteAll(list); });
     bool detached = false;
-    // Runs last, after the update bracket has closed, also when an exception
-    // unwinds: the convertors go, the indexes come back and are rebuilt.
+    TableUpdater updater(m_table);
+    // Before the batch closes, also when an exception unwinds: the indexes
+    // come back and are rebuilt under the lock, so that a reader on another
+    // thread (a model) never sees them half built, and inside the batch, so
+    // that a join refills its main table once, when the batch ends, taking
+    // the main table's lock before this one's as it always must.
     auto finish = qScopeGuard([&] {
-        qDeleteAll(list);
         if (!detached)
             return;
-        // Under the lock, as every change is: a reader on another thread
-        // (a model) must not see the indexes half rebuilt.
-        TableLocker locker(m_table);
         m_table->setIndexes(indexes);
         for (Index *index : m_table->indexes())
             index->build();
     });
-    TableUpdater updater(m_table);
     m_table->clear();
 
     qint16 columnCount = 0;

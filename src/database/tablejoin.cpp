@@ -1,7 +1,10 @@
 #include "tablejoin.h"
 
 #include "core.h"
+#include "exception.h"
+#include "lockorder_p.h"
 #include "masterindex.h"
+#include "table_p.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QPointer>
@@ -10,11 +13,16 @@
 #include <QtCore/QVector>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 namespace {
+
+// The key of main rows that match no dependent row whatever it holds; no
+// key hash is 0.
+const quint64 NoMatch = 0;
 
 quint64 mix(quint64 z)
 {
@@ -66,7 +74,7 @@ quint64 keyHash(const Record &row, const QVector<int> &columns)
         }
         }
     }
-    return h;
+    return h == NoMatch ? 1 : h;
 }
 
 // Assigns source (null: sets null) to target; answers whether the field's
@@ -109,11 +117,13 @@ struct MainSlot
     int at; // place in the key's group
 };
 
+
 } // namespace
 
 // One dependent table of a join.
 struct TableJoinLink
 {
+    TableJoinPrivate *owner = nullptr;
     // Tracked, so that a table destroyed before the join is not reached.
     QPointer<Table> table;
     TableJoinDep *index = nullptr;
@@ -124,8 +134,9 @@ struct TableJoinLink
     int firstFill = -1;
     int lastFill = -1;
     // A row of the dependent table that carries a main row's key for the
-    // master index to search.
+    // master index to search; made again when the table's rows grow.
     Record probe;
+    unsigned long long probeSize = 0;
 
     // Main rows by key hash; each row knows its group and place in it.
     QHash<quint64, QVector<Record>> mainByKey;
@@ -137,7 +148,9 @@ struct TableJoinLink
     std::vector<quint64> pending;
     bool refreshAll = false;
     bool nullAll = false;
-    int batchDepth = 0;
+    // Batches of the dependent table open (counted before it locks, so
+    // read by a thread that changes it under a bare lock meanwhile).
+    std::atomic<int> batchDepth{0};
     QVector<bool> opened;
 };
 
@@ -150,11 +163,30 @@ public:
     // Set while refilled rows go through the main table's process().
     bool refreshing = false;
 
-    // Writes the main row's key into the probe; answers its hash.
+    // Writes the main row's key into the probe; answers its hash, or
+    // NoMatch for a key that no dependent row can have: one with a null
+    // field, or with a value the dependent key column cannot take (a text
+    // that is no number, say). Such rows get null joined columns.
     static quint64 probeKey(TableJoinLink &link, const Record &main)
     {
-        for (int i = 0; i < link.mainKey.size(); ++i)
-            TableJoinNamespace::typeToMaster(main.data(link.mainKey.at(i)), link.probe.data(link.depKey.at(i)));
+        if (link.probeSize != link.table->rowSize()) {
+            link.probe = Record(link.table);
+            link.probeSize = link.table->rowSize();
+        }
+        for (int i = 0; i < link.mainKey.size(); ++i) {
+            const Field value = main.data(link.mainKey.at(i));
+            if (value.isNull())
+                return NoMatch;
+            try {
+                TableJoinNamespace::typeToMaster(value, link.probe.data(link.depKey.at(i)));
+            } catch (const Exception &) {
+                return NoMatch;
+            } catch (const QString &) {
+                return NoMatch;
+            } catch (const char *) {
+                return NoMatch;
+            }
+        }
         return keyHash(link.probe, link.depKey);
     }
 
@@ -164,6 +196,11 @@ public:
         MasterIndex *master = link.table->masterIndex();
         const int at = master->search(link.probe, -1);
         return at < 0 ? Record() : master->at(at);
+    }
+
+    static Record match(TableJoinLink &link, quint64 key)
+    {
+        return key == NoMatch ? Record() : searchProbe(link);
     }
 
     static void file(TableJoinLink &link, const Record &main, quint64 key)
@@ -215,19 +252,67 @@ public:
         if (!link.table)
             return;
         TableLocker locker(link.table);
-        file(link, main, probeKey(link, main));
-        fill(link, main, searchProbe(link));
+        const quint64 key = probeKey(link, main);
+        file(link, main, key);
+        fill(link, main, match(link, key));
     }
 
-    void flush(TableJoinLink &link);
+    // After a change of the dependent table: refills now, or when its
+    // batch ends, or when this thread lets go of a bare lock on it (the
+    // main table may not be locked after it). `leaving` is a row that the
+    // master index still holds but that is on its way out.
+    void changed(TableJoinLink &link, const unsigned char *leaving = nullptr);
+    void flush(TableJoinLink &link, const unsigned char *leaving = nullptr);
+    static void flushAfterUnlock(void *link);
+    // The join's filled columns that a change of `first`..`last` may change
+    // as well: those of every dependent table whose key is in the range.
+    void widen(int &first, int &last) const;
 };
 
-// Refills the main rows that the dependent side's changes reach, and tells
-// the main table's indexes of those whose filled columns changed.
-void TableJoinPrivate::flush(TableJoinLink &link)
+void TableJoinPrivate::changed(TableJoinLink &link, const unsigned char *leaving)
 {
-    if (!link.refreshAll && !link.nullAll && link.pending.empty())
+    if (link.batchDepth.load() > 0 || !link.table || !main)
         return;
+    TablePrivate *dependent = TableJoin::tablePrivate(link.table);
+    if (dependent->heldByCurrentThread() && !TableJoin::tablePrivate(main)->heldByCurrentThread()) {
+        dependent->runAfterUnlock(&TableJoinPrivate::flushAfterUnlock, &link);
+        return;
+    }
+    flush(link, leaving);
+}
+
+void TableJoinPrivate::flushAfterUnlock(void *cookie)
+{
+    TableJoinLink *link = static_cast<TableJoinLink *>(cookie);
+    link->owner->flush(*link);
+}
+
+void TableJoinPrivate::widen(int &first, int &last) const
+{
+    if (!knownRange(first, last))
+        return;
+    int wideFirst = first;
+    int wideLast = last;
+    for (const auto &link : links) {
+        if (link->firstFill < 0)
+            continue;
+        for (int column : qAsConst(link->mainKey)) {
+            if (column >= first && column <= last) {
+                wideFirst = std::min(wideFirst, link->firstFill);
+                wideLast = std::max(wideLast, link->lastFill);
+                break;
+            }
+        }
+    }
+    first = wideFirst;
+    last = wideLast;
+}
+
+// Refills the main rows that the dependent side's changes reach, and tells
+// the main table's indexes of those whose filled columns changed. The main
+// table is taken before the dependent one.
+void TableJoinPrivate::flush(TableJoinLink &link, const unsigned char *leaving)
+{
     if (!main || !link.table) {
         link.pending.clear();
         return;
@@ -241,19 +326,24 @@ void TableJoinPrivate::flush(TableJoinLink &link)
     QList<Record> changed;
     {
         TableLocker locker(link.table);
+        if (!link.refreshAll && !link.nullAll && link.pending.empty())
+            return;
         MasterIndex *master = link.table->masterIndex();
         Record last;
         // Main rows sharing a key mostly follow one another in a group:
         // the dependent row found for one serves the next without a search.
         auto refresh = [&](const Record &row) {
-            probeKey(link, row);
             Record dependent;
-            if (!last.isNull() && master->compare(last, link.probe) == 0) {
-                dependent = last;
-            } else {
-                dependent = searchProbe(link);
-                if (!dependent.isNull())
-                    last = dependent;
+            if (probeKey(link, row) != NoMatch) {
+                if (!last.isNull() && master->compare(last, link.probe) == 0) {
+                    dependent = last;
+                } else {
+                    dependent = searchProbe(link);
+                    if (dependent.rowPtr() == leaving)
+                        dependent = Record();
+                    if (!dependent.isNull())
+                        last = dependent;
+                }
             }
             return fill(link, row, dependent);
         };
@@ -313,20 +403,38 @@ TableJoin::TableJoin(MasterIndex *mainIndex)
         ++at;
     indexes.insert(at, d->mainIndex);
     setIndexes(d->main, indexes);
+    TableLocker locker(d->main);
+    tablePrivate(d->main)->joins.append(this);
 }
 
 TableJoin::~TableJoin()
 {
     for (const auto &link : d->links) {
         if (link->table) {
+            LockOrder::removeJoin(d->main, link->table);
+            TableLocker locker(link->table);
+            tablePrivate(link->table)->dropUnlockHooks(link.get());
             link->table->removeDependentIndex(link->index);
             link->table->removeIndex(link->index);
         }
         delete link->index;
     }
-    if (d->main)
+    if (d->main) {
+        TableLocker locker(d->main);
+        tablePrivate(d->main)->joins.removeOne(this);
         d->main->removeIndex(d->mainIndex);
+    }
     delete d->mainIndex;
+}
+
+TablePrivate *TableJoin::tablePrivate(Table *table)
+{
+    return table->d_func();
+}
+
+void TableJoin::widen(int &firstColumn, int &lastColumn) const
+{
+    d->widen(firstColumn, lastColumn);
 }
 
 Table *TableJoin::mainTable() const
@@ -361,8 +469,16 @@ void TableJoin::addDependent(MasterIndex *dependentIndex, const QList<QPair<QStr
     Table *dependent = dependentIndex->table();
     if (dependentIndex->columns().isEmpty())
         throw QStringLiteral("Table '%1' has no key columns to join.").arg(dependent->name());
+    // A refill of the main table would change the dependent one in turn,
+    // and each would wait for the other's lock.
+    if (dependent == main)
+        throw QStringLiteral("Table '%1' can't be joined to itself.").arg(main->name());
+    if (LockOrder::precedes(dependent, main))
+        throw QStringLiteral("Joining table '%1' to table '%2' would make a cycle of joins.")
+            .arg(dependent->name(), main->name());
 
     auto link = std::make_unique<TableJoinLink>();
+    link->owner = d.data();
     link->table = dependent;
     for (const auto &pair : TableJoinNamespace::connectIndexes(main->masterIndex(), dependentIndex)) {
         link->mainKey.append(pair.first);
@@ -398,6 +514,7 @@ void TableJoin::addDependent(MasterIndex *dependentIndex, const QList<QPair<QStr
         link->lastFill = *std::max_element(link->mainFill.cbegin(), link->mainFill.cend());
     }
     link->probe = Record(dependent);
+    link->probeSize = dependent->rowSize();
 
     // Types that cannot convert at all fail here rather than on the first
     // row: zero values of each pair are converted once. Text is not tried,
@@ -421,6 +538,7 @@ void TableJoin::addDependent(MasterIndex *dependentIndex, const QList<QPair<QStr
     }
 
     TableJoinLink &added = *link;
+    LockOrder::addJoin(main, dependent);
     const bool opened = beginExclusive(main);
     auto close = qScopeGuard([&] { endExclusive(main, opened); });
     {
@@ -433,8 +551,8 @@ void TableJoin::addDependent(MasterIndex *dependentIndex, const QList<QPair<QStr
         d->links.push_back(std::move(link));
         dependent->addIndex(added.index);
         dependent->addDependentIndex(added.index);
+        added.refreshAll = true;
     }
-    added.refreshAll = true;
     d->flush(added);
 }
 
@@ -580,41 +698,26 @@ Table *TableJoinDep::dependentTable() const
     return m_link->table;
 }
 
-namespace {
-
-// Outside a batch of the dependent table the main rows are refilled at once.
-void flushIfIdle(TableJoinPrivate *d, TableJoinLink *link)
-{
-    if (link->batchDepth == 0)
-        d->flush(*link);
-}
-
-} // namespace
-
 void TableJoinDep::clear()
 {
     m_link->depKeys.clear();
     m_link->pending.clear();
     m_link->refreshAll = false;
     m_link->nullAll = true;
-    flushIfIdle(m_join->d.data(), m_link);
+    m_join->d->changed(*m_link);
 }
 
 void TableJoinDep::build()
 {
-    // The main table is taken before the dependent one, as everywhere.
-    Table *main = m_join->d->main;
-    if (!main || !m_link->table)
+    if (!m_join->d->main || !m_link->table)
         return;
-    const bool opened = TableJoin::beginExclusive(main);
-    auto close = qScopeGuard([&] { TableJoin::endExclusive(main, opened); });
     {
         TableLocker locker(m_link->table);
         for (const Record &row : *m_link->table->masterIndex())
             m_link->depKeys.insert(row.rowPtr(), keyHash(row, m_link->depKey));
+        m_link->refreshAll = true;
     }
-    m_link->refreshAll = true;
-    flushIfIdle(m_join->d.data(), m_link);
+    m_join->d->changed(*m_link);
 }
 
 void TableJoinDep::add(const Record &record)
@@ -622,7 +725,7 @@ void TableJoinDep::add(const Record &record)
     const quint64 key = keyHash(record, m_link->depKey);
     m_link->depKeys.insert(record.rowPtr(), key);
     m_link->pending.push_back(key);
-    flushIfIdle(m_join->d.data(), m_link);
+    m_join->d->changed(*m_link);
 }
 
 void TableJoinDep::remove(const Record &record, int)
@@ -634,20 +737,22 @@ void TableJoinDep::remove(const Record &record, int)
     } else {
         m_link->pending.push_back(keyHash(record, m_link->depKey));
     }
-    flushIfIdle(m_join->d.data(), m_link);
+    // The master index hears of the removal after this index.
+    m_join->d->changed(*m_link, record.rowPtr());
 }
 
 void TableJoinDep::process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn,
                            int lastColumn, const QList<Record> &inserted)
 {
     // One refill for the whole batch, also outside a batch of the table (a
-    // transaction applied without a TableUpdater).
+    // transaction applied without a TableUpdater). The master index has
+    // processed the batch already.
     {
         ++m_link->batchDepth;
         auto restore = qScopeGuard([&] { --m_link->batchDepth; });
         Index::process(removed, updated, firstColumn, lastColumn, inserted);
     }
-    flushIfIdle(m_join->d.data(), m_link);
+    m_join->d->changed(*m_link);
 }
 
 bool TableJoinDep::filter(const Record &) const
@@ -678,7 +783,7 @@ void TableJoinDep::update(const Record &record, int firstColumn, int lastColumn,
         m_link->pending.push_back(*known);
     m_link->depKeys.insert(record.rowPtr(), key);
     m_link->pending.push_back(key);
-    flushIfIdle(m_join->d.data(), m_link);
+    m_join->d->changed(*m_link);
 }
 
 void TableJoinDep::dependentBeginUpdate(Table *table)

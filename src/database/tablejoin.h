@@ -12,6 +12,7 @@
 class MasterIndex;
 class TableJoin;
 class TableJoinPrivate;
+class TablePrivate;
 struct TableJoinLink;
 
 // TableJoin keeps columns of a main table's rows filled from the rows of
@@ -106,9 +107,14 @@ public:
     static Table *table(Index *index);
 
 private:
+    friend class Table;
     friend class TableJoinMain;
     friend class TableJoinDep;
     friend class TableJoinPrivate;
+    static TablePrivate *tablePrivate(Table *table);
+    // Widens a changed range of main columns by the columns the join fills
+    // from a dependent table whose key is in it.
+    void widen(int &firstColumn, int &lastColumn) const;
     static bool beginExclusive(Table *table);
     static void endExclusive(Table *table, bool opened);
     static void setIndexes(Table *table, const QList<Index *> &indexes);

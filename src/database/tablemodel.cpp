@@ -142,15 +142,22 @@ void TableModelListener::clear()
         m->post();
         return;
     }
-    // The rows may be freed now: hold those the view shows.
+    holdRows();
+}
+
+void TableModelListener::holdRows()
+{
+    TableModelPrivate *m = m_model;
     TableModelPending &pending = m->pending;
     pending.coarse = true;
     std::vector<TableModelPending::Change>().swap(pending.changes);
     if (!pending.viewKept) {
         pending.viewKept = true;
-        pending.kept.reserve(pending.kept.size() + m->rows.size());
-        for (unsigned char *row : m->rows)
-            pending.kept.push_back(TableModel::recordOf(m->table, row));
+        pending.kept.reserve(pending.kept.size() + m->rows.size() + m->incoming.size());
+        for (const std::vector<unsigned char *> *shown : {&m->rows, &m->incoming}) {
+            for (unsigned char *row : *shown)
+                pending.kept.push_back(TableModel::recordOf(m->table, row));
+        }
     }
     changed();
 }
@@ -308,8 +315,8 @@ void TableModelPrivate::attach(Table *t, IndexList *l, IndexVector *v, const QSt
         // a TableIndexRebuilder takes every index off. Both run on the thread
         // that does it, under the table's lock (the rebuilder inside the
         // writer's batch, the deletion waiting here for an update reading
-        // the index to finish); an update that finds the index still off
-        // takes it for deleted.
+        // the index to finish); an update that finds the index off while
+        // no rebuilder is at work takes it for deleted.
         auto follow = [watch, watched, t](bool off) {
             return [watch, watched, t, off](Index *index) {
                 if (index != watched)
@@ -317,8 +324,7 @@ void TableModelPrivate::attach(Table *t, IndexList *l, IndexVector *v, const QSt
                 TableLocker locker(t);
                 if (TableModelPrivate *m = watch->model) {
                     m->sourceOff = off;
-                    if (off)
-                        m->post();
+                    m->post();
                 }
             };
         };
@@ -386,17 +392,24 @@ void TableModelPrivate::update(bool forceLayout)
         // The table is gone.
         if (resetDue) {
             pages.clear();
-            std::vector<unsigned char *> none;
-            updateReset(none);
+            updating = true;
+            const auto done = qScopeGuard([this] { updating = false; });
+            incoming.clear();
+            updateReset();
             Q_EMIT q->updated();
         }
         posted = false;
         return;
     }
-    bool shown = false;
+    // What the update needs is taken under the lock; the signals go out
+    // after it is let go of.
+    TableModelPending taken;
+    bool reset = false;
+    int tableColumns = 0;
     {
         TableLocker locker(table);
-        if (TableModel::tablePrivate(table)->batchOwner.loadAcquire() == QThread::currentThreadId()) {
+        TablePrivate *t = TableModel::tablePrivate(table);
+        if (t->batchOwner.loadAcquire() == QThread::currentThreadId()) {
             // This thread's own batch is open (events processed inside it):
             // its end posts again.
             posted = false;
@@ -404,53 +417,79 @@ void TableModelPrivate::update(bool forceLayout)
         }
         posted = false;
         if (sourceOff) {
-            // The index was deleted: from now on the model shows nothing.
+            // Off for a rebuild: its return posts. Else it was deleted, and
+            // from now on the model shows nothing.
+            if (t->rebuilders.load() > 0)
+                return;
             sourceOff = false;
             list = nullptr;
             vector = nullptr;
             resetDue = true;
         }
-        TableModelPending taken;
         std::swap(taken, pending);
-        if (resetDue || forceLayout || !taken.isEmpty()) {
-            pages.clear();
-            updating = true;
-            const auto done = qScopeGuard([this] { updating = false; });
-            // The previous rows' buffer is reused: a fresh one of a million
-            // handles would cost its page faults at every update.
-            std::vector<unsigned char *> next;
-            next.swap(spare);
-            readSource(next);
-            if (resetDue)
-                updateReset(next);
-            else if (forceLayout || taken.coarse || !updateFine(next, taken))
-                updateLayout(next);
-            next.swap(spare);
-            shown = true;
+        tableColumns = table->columnCount();
+        const bool grown = columnNames.isEmpty() && tableColumns > static_cast<int>(columns.size());
+        if (!resetDue && !forceLayout && taken.isEmpty() && !grown)
+            return;
+        reset = resetDue;
+        resetDue = false;
+        readSource(incoming);
+    }
+    pages.clear();
+    {
+        updating = true;
+        const auto done = qScopeGuard([this] { updating = false; });
+        if (reset) {
+            updateReset();
+        } else {
+            // Columns a load added to the table come after the others.
+            if (columnNames.isEmpty() && tableColumns > static_cast<int>(columns.size())) {
+                q->beginInsertColumns(QModelIndex(), static_cast<int>(columns.size()), tableColumns - 1);
+                for (int c = static_cast<int>(columns.size()); c < tableColumns; ++c)
+                    columns.push_back(c);
+                q->endInsertColumns();
+            }
+            if (forceLayout || taken.coarse || !updateFine(taken))
+                updateLayout();
         }
-        // `taken` lets go of the rows that left, now that the view does not
-        // show them.
     }
     sinceUpdate.start();
-    if (shown)
-        Q_EMIT q->updated();
+    Q_EMIT q->updated();
+    // `taken` lets go of the rows that left, now that the view does not
+    // show them.
 }
 
-void TableModelPrivate::updateReset(std::vector<unsigned char *> &next)
+void TableModelPrivate::commit()
+{
+    // A slot on this thread may have destroyed the table meanwhile.
+    std::unique_ptr<TableLocker> locker;
+    if (table)
+        locker = std::make_unique<TableLocker>(table);
+    rows.swap(incoming);
+    // Kept buffer: a fresh one of a million handles would cost its page
+    // faults at every update. Its rows may be gone: nothing holds them.
+    incoming.clear();
+    view.reset(rows);
+    // Rows reallocated after they were read stay unreadable until the
+    // reset that the writer asked for meanwhile.
+    if (!resetDue)
+        stale = false;
+}
+
+void TableModelPrivate::updateReset()
 {
     q->beginResetModel();
-    rows.swap(next);
-    view.reset(rows);
-    stale = false;
-    resetDue = false;
+    commit();
     resolveColumns();
     q->endResetModel();
 }
 
-void TableModelPrivate::updateLayout(std::vector<unsigned char *> &next)
+void TableModelPrivate::updateLayout()
 {
+    std::vector<unsigned char *> &next = incoming;
     Q_EMIT q->layoutAboutToBeChanged();
     const QModelIndexList from = q->persistentIndexList();
+    QModelIndexList to;
     if (!from.isEmpty()) {
         // Each persistent index follows its record to the new rows.
         QHash<const unsigned char *, int> places;
@@ -467,16 +506,15 @@ void TableModelPrivate::updateLayout(std::vector<unsigned char *> &next)
             if (it != places.end() && it.value() == -1)
                 it.value() = static_cast<int>(j);
         }
-        QModelIndexList to;
         to.reserve(from.size());
         for (const QModelIndex &index : from) {
             const int place = places.value(view.at(index.row()), -1);
             to.append(place >= 0 ? q->createIndex(place, index.column()) : QModelIndex());
         }
-        q->changePersistentIndexList(from, to);
     }
-    rows.swap(next);
-    view.reset(rows);
+    commit();
+    if (!from.isEmpty())
+        q->changePersistentIndexList(from, to);
     Q_EMIT q->layoutChanged();
 }
 
@@ -522,8 +560,9 @@ void markStable(std::vector<Change *> &changes)
 
 } // namespace
 
-bool TableModelPrivate::updateFine(std::vector<unsigned char *> &next, TableModelPending &taken)
+bool TableModelPrivate::updateFine(TableModelPending &taken)
 {
+    std::vector<unsigned char *> &next = incoming;
     // The changed rows, once each.
     std::unordered_map<const unsigned char *, size_t> ids;
     ids.reserve(taken.changes.size() * 2);
@@ -759,8 +798,7 @@ bool TableModelPrivate::updateFine(std::vector<unsigned char *> &next, TableMode
         blocks = {{blocks.front().first, blocks.back().last, {{left, right}}}};
     }
 
-    rows.swap(next);
-    view.reset(rows);
+    commit();
     for (const Block &block : blocks) {
         for (const auto &run : block.runs)
             Q_EMIT q->dataChanged(q->index(block.first, run.first), q->index(block.last, run.second));

@@ -70,6 +70,9 @@ public:
     void beginUpdate() override;
     void endUpdate() override;
     QString getClassName() const override;
+    // The rows the model shows (or is about to) may be freed now: hold them
+    // until it has reread its index.
+    void holdRows();
 
 private:
     void note(const Record &record, int firstColumn, int lastColumn, TableModelPending::Kind kind);
@@ -127,9 +130,11 @@ public:
     // The index's rows now; false when there is nothing to read.
     bool readSource(std::vector<unsigned char *> &rows) const;
     void update(bool forceLayout);
-    bool updateFine(std::vector<unsigned char *> &next, TableModelPending &pending);
-    void updateLayout(std::vector<unsigned char *> &next);
-    void updateReset(std::vector<unsigned char *> &next);
+    bool updateFine(TableModelPending &pending);
+    void updateLayout();
+    void updateReset();
+    // The incoming rows become the model's rows, under the table's lock.
+    void commit();
 
     TableModel *q;
     TableModelListener listener;
@@ -150,6 +155,11 @@ public:
     bool resetDue = false; // detached or reallocated: the next update resets
     bool sourceOff = false; // the index left the table (deleted, or off for a rebuild)
     bool threadWarned = false;
+    // The rows an update read from the index, shown once it has signalled
+    // them. It signals without the lock, so that views' slots never run
+    // under it; a clear meanwhile holds these rows as well as `rows`.
+    // Written under the lock only.
+    std::vector<unsigned char *> incoming;
 
     // Cells read since the last update, a page of rows and one role at a
     // time, most recent first.
@@ -163,10 +173,10 @@ public:
     };
     QVariant cell(unsigned char *row, int column, int role) const;
 
-    // The model's thread only.
+    // The model's thread only; `rows` is also read by the listener, and so
+    // is swapped under the lock.
     mutable std::vector<Page> pages;
     std::vector<unsigned char *> rows;
-    std::vector<unsigned char *> spare; // the previous rows: only their buffer is used
     TableModelRows view;
     int threshold;
     int interval = 0;
