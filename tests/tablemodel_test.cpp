@@ -198,7 +198,24 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
              QDataStream in(bytes);
              TableIO(&table).read(in, true);
          },
-         "c4-4 layout"},
+         "reset"},
+        {"a load into an empty table adds a column",
+         [&] {
+             table.clear();
+             model.update();
+             recorder.take();
+             Table wider(QStringLiteral("wider"));
+             for (const ColumnDef &column : table.columns())
+                 wider.addColumn(column.name, column.type, column.length);
+             wider.addColumn(QStringLiteral("more"), FieldType::Integer);
+             appendRow(wider, {8, 15});
+             QByteArray bytes;
+             QDataStream out(&bytes, QIODevice::WriteOnly);
+             TableIO(&wider).write(out);
+             QDataStream in(bytes);
+             TableIO(&table).read(in, true);
+         },
+         "c5-5 layout"},
         {"index deleted", [&] { index.reset(); }, "reset"},
     };
     for (const Step &step : steps) {
@@ -212,7 +229,7 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
         }
     }
     EXPECT_EQ(model.rowCount(), 0);
-    EXPECT_EQ(model.columnCount(), 5);
+    EXPECT_EQ(model.columnCount(), 6);
     EXPECT_FALSE(model.hasPendingChanges());
 }
 

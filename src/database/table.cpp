@@ -278,7 +278,9 @@ void Table::addColumn(const TableColumnDef &def)
     }
     d->masterIndex->clear();
     const QList<Index *> indexes = d->indexes;
-    d->rowsGoing = !rows.isEmpty();
+    // Even without rows: rows a model still shows (held since a clear) are
+    // laid out for the old columns.
+    d->rowsGoing = true;
     for (Index *index : indexes)
         index->clear();
     d->rowsGoing = false;

@@ -67,9 +67,10 @@ public:
     // A TableUpdater opened inside this thread's exclusive batch: it only
     // locks, and its end only unlocks.
     bool updateInsideExclusive = false;
-    // Set while the rows are about to be reallocated (addColumn) or freed with
-    // the table (the destructor): a holder of raw row pointers, such as a
-    // model, must stop reading them rather than keep them alive.
+    // Set while the row layout changes (addColumn, which reallocates the
+    // rows) or the rows are freed with the table (the destructor): a holder
+    // of raw row pointers, such as a model, must stop reading them rather
+    // than keep them alive.
     bool rowsGoing = false;
     bool destroying = false;
 

@@ -50,16 +50,24 @@ struct TableJoinLink;
 // Table::beginExclusiveUpdate) when it opens, before the dependent table
 // locks, and closes it after the dependent table unlocks; a change of the
 // main table reads the dependent tables under their locks while it holds
-// the main one. So threads that change the main and a dependent table at
-// the same time wait for each other instead of deadlocking. Change a
-// dependent table inside a TableUpdater (not under a bare TableLocker), and
-// do not open a batch on the main table while holding only a dependent
-// table's lock.
+// the main one. A change of a dependent table under a bare TableLocker
+// (outside a batch) refills when this thread lets go of that lock, or at
+// once when it holds the main table too. So threads that change the main
+// and a dependent table at the same time wait for each other instead of
+// deadlocking. Debug and sanitizer builds stop a thread that locks a main
+// table while it holds one of its dependent tables. A join of a table to
+// itself, or one that would close a cycle of joins, is refused.
+//
+// Keys that match nothing: a main key with a null field, or with a value
+// that the dependent key column cannot take, leaves the filled columns null.
+// A change of a main row's join key reaches the main table's later indexes
+// as a change of the filled columns as well.
 //
 // Rebuilding. TableJoinMain rebuilds with the main table's other indexes
 // (its class name puts it among them) and fills without notifying them, so
 // rebuild it together with them (Table::build(), TableIndexRebuilder, a
-// reload). TableJoinDep forms the group that TableIndexRebuilder empties
+// reload); a TableIndexRebuilder builds it before all the others, since
+// they may read what it fills. TableJoinDep forms the group that TableIndexRebuilder empties
 // last and rebuilds first. TableJoin::table() answers the main table for
 // both index classes, so IndexDependBase::clear(true) rebuilds the main
 // table's indexes.

@@ -134,8 +134,9 @@ void TableModelListener::clear()
         m->post();
         return;
     }
-    if (table->rowsGoing) {
-        // The rows are about to move in memory: no reference keeps them.
+    if (table->rowsGoing && (!m->rows.empty() || !m->incoming.empty())) {
+        // The rows are about to move in memory, or the rows shown are laid
+        // out for columns that are changing: no reference keeps them.
         m->pending = TableModelPending();
         m->stale = true;
         m->resetDue = true;
@@ -151,7 +152,8 @@ void TableModelListener::holdRows()
     TableModelPending &pending = m->pending;
     pending.coarse = true;
     std::vector<TableModelPending::Change>().swap(pending.changes);
-    if (!pending.viewKept) {
+    // Stale rows may be freed already: the reset due reads none of them.
+    if (!pending.viewKept && !m->stale) {
         pending.viewKept = true;
         pending.kept.reserve(pending.kept.size() + m->rows.size() + m->incoming.size());
         for (const std::vector<unsigned char *> *shown : {&m->rows, &m->incoming}) {

@@ -40,9 +40,13 @@ class TableModelPrivate;
 //     left become invalid); past layoutThreshold() dataChanged signals, one
 //     dataChanged spanning them; a clear or rebuild of the index is one
 //     layoutChanged;
-//   - a reset when the rows were reallocated (a column added to a table with
-//     rows), the index was deleted (the model is then empty) or the table
-//     was destroyed.
+//   - a reset when the row layout changed under rows the model shows (a
+//     column added), the index was deleted (the model is then empty) or the
+//     table was destroyed; columns added to a table the model shows no rows
+//     of are inserted.
+// The signals go out without the table's lock: the update takes what it
+// needs under it, and cells are read under it, so views' and proxies' slots
+// never run under a writer's lock and may lock other tables.
 // Changes arriving while the model is busy or within updateInterval() of
 // the last update are coalesced into the next one. An update reads the
 // whole index once (a pass over the handles, about a millisecond per
@@ -63,10 +67,11 @@ class TableModelPrivate;
 // which runs an event loop or calls update() itself; it must be deleted
 // before its table, or the table destroyed on the model's thread. The index
 // may be deleted at any time, from any thread (a TableIndexRebuilder may
-// also take it off the table for a while). The model learns of changes only
-// through the table: an index reordered behind its back
-// (IndexSort::resort(), IndexVector::resort()) needs refresh(). Replacing
-// the table's master index while it has rows is not followed.
+// also take it off the table for a while: the model waits for it to come
+// back). The model learns of changes only through the table: an index
+// reordered behind its back (IndexSort::resort(), IndexVector::resort())
+// needs refresh(). A new master index: the model holds the rows it shows
+// until it has read the new one.
 //
 // Editing: setData is not offered. A view's edit happens on the model's
 // thread, while the table's changes must come from its one writer thread
