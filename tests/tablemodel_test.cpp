@@ -141,6 +141,19 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
         std::function<void()> change;
         const char *expected;
     };
+    // Loads a file of the table's columns and one more, holding one row.
+    auto loadWithColumn = [&](const QString &name, std::initializer_list<int> row) {
+        Table wider(QStringLiteral("wider"));
+        for (const ColumnDef &column : table.columns())
+            wider.addColumn(column.name, column.type, column.length);
+        wider.addColumn(name, FieldType::Integer);
+        appendRow(wider, row);
+        QByteArray bytes;
+        QDataStream out(&bytes, QIODevice::WriteOnly);
+        TableIO(&wider).write(out);
+        QDataStream in(bytes);
+        TableIO(&table).read(in, true);
+    };
     const std::vector<Step> steps = {
         {"append between", [&] { appendRow(table, {25, 5}); }, "+2-2"},
         {"one cell", [&] { setInt(keyed(*index, 30), 1, 9); keyed(*index, 30).updated(1); }, "d3,1-3,1"},
@@ -187,16 +200,7 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
          "layout"},
         {"a load adds a column",
          [&] {
-             Table wider(QStringLiteral("wider"));
-             for (const ColumnDef &column : table.columns())
-                 wider.addColumn(column.name, column.type, column.length);
-             wider.addColumn(QStringLiteral("added"), FieldType::Integer);
-             appendRow(wider, {7, 14});
-             QByteArray bytes;
-             QDataStream out(&bytes, QIODevice::WriteOnly);
-             TableIO(&wider).write(out);
-             QDataStream in(bytes);
-             TableIO(&table).read(in, true);
+             loadWithColumn(QStringLiteral("added"), {7, 14});
          },
          "reset"},
         {"a load into an empty table adds a column",
@@ -204,16 +208,7 @@ TEST(TableModel, SmallChangesGiveExactSignalsAndLargeOnesOneLayoutChange)
              table.clear();
              model.update();
              recorder.take();
-             Table wider(QStringLiteral("wider"));
-             for (const ColumnDef &column : table.columns())
-                 wider.addColumn(column.name, column.type, column.length);
-             wider.addColumn(QStringLiteral("more"), FieldType::Integer);
-             appendRow(wider, {8, 15});
-             QByteArray bytes;
-             QDataStream out(&bytes, QIODevice::WriteOnly);
-             TableIO(&wider).write(out);
-             QDataStream in(bytes);
-             TableIO(&table).read(in, true);
+             loadWithColumn(QStringLiteral("more"), {8, 15});
          },
          "c5-5 layout"},
         {"index deleted", [&] { index.reset(); }, "reset"},
