@@ -11,8 +11,12 @@ using namespace workload;
 int main(int argc, char **argv)
 {
     Options options = parseOptions(argc, argv);
-    if (options.out.empty())
-        options.out = "results.tsv";
+    if (options.out.empty()) {
+        // Next to the program, inside the build tree: never the sources.
+        const std::string program = argv[0];
+        const size_t slash = program.rfind('/');
+        options.out = (slash == std::string::npos ? std::string() : program.substr(0, slash + 1)) + "results.tsv";
+    }
     std::ofstream out(options.out);
     out << "workload\tpeer\tmedian_s\tmin_s\tmax_s\treps\titems\tthroughput\tunit\tnote\n";
     std::printf("%-8s %-16s %10s %10s %10s  %s\n", "workload", "peer", "median_s", "min_s", "max_s", "check");

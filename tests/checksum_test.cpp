@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <string>
+
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -47,8 +50,13 @@ TEST(Checksum, KernelsAgreeWithTheReference)
         c = static_cast<char>(random.bounded(256));
     const int lengths[] = {0, 1, 15, 16, 17, 127, 128, 129, 255, 256, 257, 383, 511, 512, 1000, 4096, 65537};
     for (int kernel = 0; kernel < checksum_internal::kernelCount(); ++kernel) {
-        if (!checksum_internal::kernelAvailable(kernel))
+        if (!checksum_internal::kernelAvailable(kernel)) {
+            // Say so: a green run on a machine without the instructions
+            // has not checked that kernel.
+            std::printf("checksum kernel %d: this CPU lacks its instructions, not checked\n", kernel);
+            RecordProperty("kernel" + std::to_string(kernel), "not checked: instructions missing");
             continue;
+        }
         for (const int length : lengths) {
             for (const int offset : {0, 1, 13}) {
                 SCOPED_TRACE(testing::Message() << "kernel " << kernel << " length " << length << " offset " << offset);

@@ -350,7 +350,7 @@ void convert(const QString &in, const QString &outPath, bool gzip)
     std::unique_ptr<QtIOCompressor> gz;
     QDataStream stream(&file);
     if (gzip) {
-        gz.reset(new QtIOCompressor(&file, 6, 65500));
+        gz.reset(new QtIOCompressor(&file));
         gz->setStreamFormat(QtIOCompressor::GzipFormat);
         if (!gz->open(QIODevice::WriteOnly))
             fail(outPath, gz->errorString());

@@ -14,6 +14,11 @@ const decimal decimal::minimum = decimal::from56s7(static_cast<long long>(0xC1F0
 
 namespace {
 
+// The scale of a number or locale text that brings none of its own. A double
+// written into a Decimal field gets one more digit (see field.cpp): both are
+// what stored data and callers were made with.
+constexpr short NumberScale = 5;
+
 // Mantissa arithmetic wraps like the packed word does; doing it unsigned keeps
 // the wrap defined.
 inline long long wrapMul(long long a, long long b)
@@ -410,7 +415,7 @@ decimal decimal::fromAnyString(const QString &text, bool *ok)
     } catch (const QString &) {
     }
     try {
-        const decimal result = fromSystemString(text, 5);
+        const decimal result = fromSystemString(text, NumberScale);
         if (ok)
             *ok = true;
         return result;
@@ -496,7 +501,7 @@ decimal decimal::fromVariant(const QVariant &value, bool *ok)
     case QMetaType::LongLong:
     case QMetaType::ULongLong:
     case QMetaType::Double:
-        return fromDouble(value.toDouble(), 5);
+        return fromDouble(value.toDouble(), NumberScale);
     case QMetaType::QString:
         return fromString(value.toString());
     default:

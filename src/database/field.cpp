@@ -11,6 +11,11 @@
 
 namespace {
 
+// The scale a double takes in a Decimal field: one digit more than a
+// decimal made from a number elsewhere (decimal.cpp's NumberScale), as
+// stored data expects.
+constexpr short DoubleScale = 6;
+
 Exception incorrectConversion()
 {
     return Exception(QStringLiteral("Incorrect type conversion."));
@@ -418,10 +423,10 @@ Field &Field::operator=(double value)
         FieldType::setDouble(m_data, value);
         break;
     case FieldType::Decimal:
-        FieldType::setDecimal(m_data, length(), decimal::fromDouble(value, 6));
+        FieldType::setDecimal(m_data, length(), decimal::fromDouble(value, DoubleScale));
         break;
     case FieldType::String:
-        return *this = QStringLiteral("%1").arg(value, 0, 'f', 6);
+        return *this = QStringLiteral("%1").arg(value, 0, 'f', DoubleScale);
     case FieldType::DateTime:
         throw Exception(QStringLiteral("Can't convert double to datetime."));
     default:

@@ -9,7 +9,6 @@
 
 namespace {
 
-using Iterator = PartitionList<Record>::iterator;
 using Less = IndexSort::LessThan;
 
 // Where each of a set of rows stands in an index: a vector sorted by row
@@ -609,8 +608,5 @@ void IndexSort::resort()
     // Large lists: runs inside partitions sorted and merged on the worker
     // pool through a buffer of at most half the handles. A stable sort has
     // one result, so the order is the one of the eight-block merge.
-    std::vector<recordsort::Segment> segments;
-    for (const auto &segment : m_list.segments())
-        segments.push_back({segment.first, segment.count});
-    recordsort::stableSort(segments, less, true);
+    recordsort::stableSort(m_list.segments(), less, true);
 }

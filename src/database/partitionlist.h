@@ -50,7 +50,6 @@ public:
         T *last; // past the last element
         int count;
         int capacity;
-        PartitionList *list;
     };
 
     template <bool Const>
@@ -624,7 +623,6 @@ private:
         p->last = p->first;
         p->count = 0;
         p->capacity = capacity;
-        p->list = this;
         return p;
     }
 

@@ -18,11 +18,7 @@
 namespace recordsort {
 
 // A contiguous run of records: a partition's array, or a whole vector.
-struct Segment
-{
-    Record *first;
-    int count;
-};
+using Segment = PartitionList<Record>::Segment;
 
 using Less = IndexSort::LessThan;
 

@@ -96,6 +96,7 @@ public:
     bool isNull() const { return !m_table || !m_row; }
     const Table *table() const { return m_table; }
     unsigned char *rowPtr() const { return m_row; }
+    // The same as rowPtr(), under the name older callers use.
     unsigned char *pointer() const { return m_row; }
 
     bool operator==(const Record &other) const { return m_row == other.m_row; }
@@ -244,6 +245,7 @@ public:
     static bool ref(unsigned char *row) { return RowRef::ref(row); }
     static bool deref(unsigned char *row) { return RowRef::deref(row); }
     static unsigned int references(const unsigned char *row);
+    // Does nothing: kept because callers of the interface still call it.
     static void hasRow(unsigned char *row);
     // Bit `column` of a null-bit area (a row's is at its data area + rowLength):
     // true when clear, that is when the field is null.

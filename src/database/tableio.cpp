@@ -227,7 +227,7 @@ void TableIO::write(QDataStream &stream, bool withRows)
     stream << static_cast<qint16>(columns.size());
     for (const TableColumnDef *column : columns)
         column->write(stream);
-    const int recordLength = static_cast<int>(m_table->rowSize() - 4);
+    const int recordLength = static_cast<int>(m_table->rowSize() - Table::base);
     stream << static_cast<qint32>(m_table->rowCount()) << static_cast<qint32>(m_table->rowLength())
            << static_cast<qint32>(recordLength);
     if (!withRows)
@@ -428,7 +428,7 @@ void TableIO::write(const QDir &dir)
     std::unique_ptr<QtIOCompressor> compressor;
     QDataStream stream;
     if (compressed) {
-        compressor.reset(new QtIOCompressor(&file, 6, 65500));
+        compressor.reset(new QtIOCompressor(&file));
         compressor->setStreamFormat(QtIOCompressor::GzipFormat);
         if (!compressor->open(QIODevice::WriteOnly)) {
             fail(file.fileName(), compressor->errorString());
@@ -463,7 +463,7 @@ void TableIO::read(const QDir &dir, bool addMissingColumns)
         stream.setDevice(&file);
     } else {
         file.setFileName(path + QStringLiteral(".gz"));
-        compressor.reset(new QtIOCompressor(&file, 6, 65500));
+        compressor.reset(new QtIOCompressor(&file));
         compressor->setStreamFormat(QtIOCompressor::GzipFormat);
         if (compressor->open(QIODevice::ReadOnly))
             stream.setDevice(compressor.get());

@@ -16,8 +16,6 @@
 #include <QtCore/QTimerEvent>
 
 #include <algorithm>
-#include <climits>
-#include <unordered_map>
 
 const int TableModel::defaultLayoutThreshold = 100;
 
@@ -29,48 +27,11 @@ const QEvent::Type UpdateEvent = static_cast<QEvent::Type>(QEvent::registerEvent
 // the queue stops growing, whatever the writer does.
 const size_t MaxQueuedChanges = size_t(1) << 16;
 
-// A bit per hash of a row address: most rows of a pass over a million
-// handles are not among the changed ones, and a bit test tells so without
-// reaching the hash table.
-class RowFilter
-{
-public:
-    explicit RowFilter(size_t expected)
-    {
-        m_shift = 64 - 12;
-        while ((size_t(1) << (64 - m_shift)) < expected * 16 && m_shift > 64 - 24)
-            --m_shift;
-        m_bits.assign((size_t(1) << (64 - m_shift)) / 64, 0);
-    }
-    void add(const unsigned char *row)
-    {
-        const quint64 h = hash(row);
-        m_bits[h / 64] |= quint64(1) << (h % 64);
-    }
-    bool maybe(const unsigned char *row) const
-    {
-        const quint64 h = hash(row);
-        return (m_bits[h / 64] >> (h % 64)) & 1;
-    }
-
-private:
-    quint64 hash(const unsigned char *row) const
-    {
-        return (quint64(reinterpret_cast<quintptr>(row)) * 0x9E3779B97F4A7C15ull) >> m_shift;
-    }
-
-    std::vector<quint64> m_bits;
-    int m_shift;
-};
-
 bool isNumeric(FieldType::Type type)
 {
     return type == FieldType::Integer || type == FieldType::Integer64 || type == FieldType::Double
         || type == FieldType::Decimal;
 }
-
-// Runs of adjacent model columns, as (first, last) pairs.
-using ColumnRuns = std::vector<std::pair<int, int>>;
 
 } // namespace
 
@@ -211,77 +172,6 @@ void TableModelListener::endUpdate()
 QString TableModelListener::getClassName() const
 {
     return QStringLiteral("TableModelListener");
-}
-
-// ---------------------------------------------------------------------------
-// The rows as the view sees them
-
-void TableModelRows::reset(const std::vector<unsigned char *> &rows)
-{
-    m_pieces.clear();
-    if (!rows.empty())
-        m_pieces.push_back({rows.data(), 0, static_cast<int>(rows.size()), Old});
-    recount();
-}
-
-void TableModelRows::recount()
-{
-    m_starts.resize(m_pieces.size());
-    int start = 0;
-    for (size_t k = 0; k < m_pieces.size(); ++k) {
-        m_starts[k] = start;
-        start += m_pieces[k].count;
-    }
-    m_count = start;
-}
-
-unsigned char *TableModelRows::at(int i) const
-{
-    const auto k = static_cast<size_t>(std::upper_bound(m_starts.begin(), m_starts.end(), i) - m_starts.begin() - 1);
-    const Piece &piece = m_pieces[k];
-    return piece.base[piece.index + i - m_starts[k]];
-}
-
-int TableModelRows::positionOf(Origin origin, int index) const
-{
-    for (size_t k = 0; k < m_pieces.size(); ++k) {
-        const Piece &piece = m_pieces[k];
-        if (piece.origin == origin && index >= piece.index && index < piece.index + piece.count)
-            return m_starts[k] + index - piece.index;
-    }
-    return -1;
-}
-
-int TableModelRows::split(int i)
-{
-    if (i >= m_count)
-        return static_cast<int>(m_pieces.size());
-    const auto k = static_cast<size_t>(std::upper_bound(m_starts.begin(), m_starts.end(), i) - m_starts.begin() - 1);
-    const int offset = i - m_starts[k];
-    if (offset == 0)
-        return static_cast<int>(k);
-    Piece tail = m_pieces[k];
-    tail.index += offset;
-    tail.count -= offset;
-    m_pieces[k].count = offset;
-    m_pieces.insert(m_pieces.begin() + static_cast<long>(k) + 1, tail);
-    recount();
-    return static_cast<int>(k) + 1;
-}
-
-void TableModelRows::remove(int first, int count)
-{
-    const int a = split(first);
-    const int b = split(first + count);
-    m_pieces.erase(m_pieces.begin() + a, m_pieces.begin() + b);
-    recount();
-}
-
-void TableModelRows::insert(int at, Origin origin, unsigned char *const *base, int index, int count)
-{
-    const int k = split(at);
-    m_pieces.insert(m_pieces.begin() + k, Piece{base, index, count, origin});
-    recount();
 }
 
 // ---------------------------------------------------------------------------
@@ -520,291 +410,59 @@ void TableModelPrivate::updateLayout()
     Q_EMIT q->layoutChanged();
 }
 
-namespace {
-
-// One changed row of an update: where it was and is, and what changed.
-struct Change
-{
-    unsigned char *row = nullptr;
-    int firstColumn = INT_MAX; // the union of the changed table columns
-    int lastColumn = -1;
-    bool allColumns = false;
-    bool data = false;
-    bool stable = false; // shown in both, not moved
-    bool placed = false; // inserted or moved by this update
-    int oldPos = -1;
-    int newPos = -1;
-    int oldAnchor = -1; // rows unchanged before it, in the old and new rows
-    int newAnchor = -1;
-    int predecessorOld = -1; // old position of the unchanged row before it in the new rows
-};
-
-// Marks the longest run of `changes` (in old order) whose new positions
-// increase: they stay where they are.
-void markStable(std::vector<Change *> &changes)
-{
-    std::vector<int> tails; // index into changes of the run's last element, by length
-    std::vector<int> before(changes.size(), -1);
-    for (size_t i = 0; i < changes.size(); ++i) {
-        const int position = changes[i]->newPos;
-        const auto it = std::lower_bound(tails.begin(), tails.end(), position,
-                                         [&](int k, int p) { return changes[static_cast<size_t>(k)]->newPos < p; });
-        if (it != tails.begin())
-            before[i] = *(it - 1);
-        if (it == tails.end())
-            tails.push_back(static_cast<int>(i));
-        else
-            *it = static_cast<int>(i);
-    }
-    for (int k = tails.empty() ? -1 : tails.back(); k != -1; k = before[static_cast<size_t>(k)])
-        changes[static_cast<size_t>(k)]->stable = true;
-}
-
-} // namespace
-
 bool TableModelPrivate::updateFine(TableModelPending &taken)
 {
-    std::vector<unsigned char *> &next = incoming;
-    // The changed rows, once each.
-    std::unordered_map<const unsigned char *, size_t> ids;
-    ids.reserve(taken.changes.size() * 2);
-    std::vector<Change> changes;
-    RowFilter filter(taken.changes.size());
+    std::vector<tablemodelplan::ChangedRow> changed;
+    changed.reserve(taken.changes.size());
     for (const TableModelPending::Change &c : taken.changes) {
-        const auto found = ids.emplace(c.row, changes.size());
-        if (found.second) {
-            changes.emplace_back();
-            changes.back().row = c.row;
-            filter.add(c.row);
-        }
-        Change &change = changes[found.first->second];
-        change.data = true;
-        if (c.kind != TableModelPending::Updated || c.firstColumn < 0 || c.lastColumn < c.firstColumn) {
-            // A row that left and came back may have changed anywhere.
-            change.allColumns = true;
-        } else {
-            change.firstColumn = std::min(change.firstColumn, c.firstColumn);
-            change.lastColumn = std::max(change.lastColumn, c.lastColumn);
-        }
+        const bool everywhere = c.kind != TableModelPending::Updated;
+        changed.push_back({c.row, everywhere ? -1 : c.firstColumn, c.lastColumn});
     }
-    auto find = [&](const unsigned char *row) -> Change * {
-        if (!filter.maybe(row))
-            return nullptr;
-        const auto it = ids.find(row);
-        return it == ids.end() ? nullptr : &changes[it->second];
-    };
-
-    // One pass over both row lists: the unchanged rows must come in the same
-    // order in both (else the index changed behind the table's back, and
-    // the update rereads everything); the changed ones get their places.
-    const int oldCount = static_cast<int>(rows.size());
-    const int newCount = static_cast<int>(next.size());
-    int i = 0;
-    int unchanged = 0;
-    int lastUnchangedOld = -1;
-    bool previousUnchanged = false;
-    for (int j = 0; j < newCount; ++j) {
-        // Most rows are unchanged and where they were.
-        if (i < oldCount && rows[static_cast<size_t>(i)] == next[static_cast<size_t>(j)]
-            && !filter.maybe(next[static_cast<size_t>(j)])) {
-            lastUnchangedOld = i++;
-            ++unchanged;
-            previousUnchanged = true;
-            continue;
-        }
-        if (Change *change = find(next[static_cast<size_t>(j)])) {
-            if (change->newPos != -1)
-                return false;
-            change->newPos = j;
-            change->newAnchor = unchanged;
-            change->predecessorOld = previousUnchanged ? lastUnchangedOld : -1;
-            previousUnchanged = false;
-            continue;
-        }
-        for (; i < oldCount; ++i) {
-            Change *change = find(rows[static_cast<size_t>(i)]);
-            if (!change)
-                break;
-            if (change->oldPos != -1)
-                return false;
-            change->oldPos = i;
-            change->oldAnchor = unchanged;
-        }
-        if (i >= oldCount || rows[static_cast<size_t>(i)] != next[static_cast<size_t>(j)])
-            return false;
-        lastUnchangedOld = i++;
-        ++unchanged;
-        previousUnchanged = true;
-    }
-    for (; i < oldCount; ++i) {
-        Change *change = find(rows[static_cast<size_t>(i)]);
-        if (!change || change->oldPos != -1)
-            return false;
-        change->oldPos = i;
-        change->oldAnchor = unchanged;
-    }
-
-    // Rows shown in both that stayed between the same unchanged rows, and
-    // in order among themselves, are not moved.
-    std::vector<Change *> kept;
-    std::vector<int> removed;
-    std::vector<Change *> targets;
-    for (Change &change : changes) {
-        if (change.oldPos >= 0 && change.newPos >= 0)
-            kept.push_back(&change);
-        else if (change.oldPos >= 0)
-            removed.push_back(change.oldPos);
-    }
-    std::sort(kept.begin(), kept.end(), [](const Change *a, const Change *b) { return a->oldPos < b->oldPos; });
-    for (size_t a = 0; a < kept.size();) {
-        size_t b = a;
-        std::vector<Change *> candidates;
-        for (; b < kept.size() && kept[b]->oldAnchor == kept[a]->oldAnchor; ++b) {
-            if (kept[b]->newAnchor == kept[b]->oldAnchor)
-                candidates.push_back(kept[b]);
-        }
-        markStable(candidates);
-        a = b;
-    }
-    for (Change &change : changes) {
-        if (change.newPos >= 0 && !change.stable)
-            targets.push_back(&change);
-    }
-    std::sort(removed.begin(), removed.end(), std::greater<int>());
-    std::sort(targets.begin(), targets.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
-
-    // Signals: runs of removed rows, then runs of inserted or moved ones.
-    int signalCount = 0;
-    for (size_t k = 0; k < removed.size(); ++k) {
-        if (k == 0 || removed[k] != removed[k - 1] - 1)
-            ++signalCount;
-    }
-    for (size_t k = 0; k < targets.size(); ++k) {
-        const Change *t = targets[k];
-        const Change *p = k ? targets[k - 1] : nullptr;
-        const bool joins = p && t->newPos == p->newPos + 1 && (t->oldPos < 0) == (p->oldPos < 0)
-            && (t->oldPos < 0 || t->oldPos == p->oldPos + 1);
-        if (!joins)
-            ++signalCount;
-    }
-    if (signalCount > threshold)
+    std::vector<tablemodelplan::Step> steps;
+    if (!tablemodelplan::plan(rows, incoming, changed, columns, threshold, steps))
         return false;
 
-    for (size_t k = 0; k < removed.size();) {
-        size_t e = k + 1;
-        while (e < removed.size() && removed[e] == removed[e - 1] - 1)
-            ++e;
-        const int first = removed[e - 1];
-        const int last = removed[k];
-        q->beginRemoveRows(QModelIndex(), first, last);
-        view.remove(first, last - first + 1);
-        q->endRemoveRows();
-        k = e;
-    }
-
-    // Each row goes right after its predecessor in the new rows, in the
-    // new order: that predecessor is in place already, and nothing is put
-    // between the two later.
-    auto predecessorPosition = [&](const Change *t) {
-        if (t->newPos == 0)
-            return -1;
-        const Change *p = find(next[static_cast<size_t>(t->newPos - 1)]);
-        if (!p)
-            return view.positionOf(TableModelRows::Old, t->predecessorOld);
-        if (p->placed)
-            return view.positionOf(TableModelRows::New, t->newPos - 1);
-        return view.positionOf(TableModelRows::Old, p->oldPos);
-    };
-    for (size_t k = 0; k < targets.size();) {
-        Change *t = targets[k];
-        const int to = predecessorPosition(t) + 1;
-        int count = 1;
-        if (t->oldPos < 0) {
-            while (k + static_cast<size_t>(count) < targets.size()) {
-                const Change *n = targets[k + static_cast<size_t>(count)];
-                if (n->oldPos >= 0 || n->newPos != t->newPos + count)
-                    break;
-                ++count;
-            }
-            q->beginInsertRows(QModelIndex(), to, to + count - 1);
-            view.insert(to, TableModelRows::New, next.data(), t->newPos, count);
+    using Step = tablemodelplan::Step;
+    const QModelIndex top;
+    bool committed = false;
+    for (const Step &s : steps) {
+        switch (s.kind) {
+        case Step::Remove:
+            q->beginRemoveRows(top, s.first, s.first + s.count - 1);
+            view.remove(s.first, s.count);
+            q->endRemoveRows();
+            break;
+        case Step::Insert:
+            q->beginInsertRows(top, s.first, s.first + s.count - 1);
+            view.insert(s.first, TableModelRows::New, incoming.data(), s.newIndex, s.count);
             q->endInsertRows();
-        } else {
-            const int from = view.positionOf(TableModelRows::Old, t->oldPos);
-            while (k + static_cast<size_t>(count) < targets.size()) {
-                const Change *n = targets[k + static_cast<size_t>(count)];
-                if (n->oldPos < 0 || n->newPos != t->newPos + count
-                    || view.positionOf(TableModelRows::Old, n->oldPos) != from + count)
-                    break;
-                ++count;
+            break;
+        case Step::Rebase:
+            view.remove(s.first, s.count);
+            view.insert(s.first, TableModelRows::New, incoming.data(), s.newIndex, s.count);
+            break;
+        case Step::Move: {
+            const bool valid = q->beginMoveRows(top, s.first, s.first + s.count - 1, top, s.to);
+            Q_ASSERT(valid);
+            Q_UNUSED(valid);
+            view.remove(s.first, s.count);
+            view.insert(s.to > s.first ? s.to - s.count : s.to, TableModelRows::New, incoming.data(), s.newIndex,
+                        s.count);
+            q->endMoveRows();
+            break;
+        }
+        case Step::Data:
+            if (!committed) {
+                commit();
+                committed = true;
             }
-            if (to == from || to == from + count) {
-                // In place already: only the bookkeeping moves.
-                view.remove(from, count);
-                view.insert(from, TableModelRows::New, next.data(), t->newPos, count);
-            } else {
-                const bool valid = q->beginMoveRows(QModelIndex(), from, from + count - 1, QModelIndex(), to);
-                Q_ASSERT(valid);
-                Q_UNUSED(valid);
-                view.remove(from, count);
-                view.insert(to > from ? to - count : to, TableModelRows::New, next.data(), t->newPos, count);
-                q->endMoveRows();
-            }
+            Q_EMIT q->dataChanged(q->index(s.first, s.firstColumn), q->index(s.first + s.count - 1, s.lastColumn));
+            break;
         }
-        for (int m = 0; m < count; ++m)
-            targets[k + static_cast<size_t>(m)]->placed = true;
-        k += static_cast<size_t>(count);
     }
-    Q_ASSERT(view.count() == newCount);
-
-    // dataChanged: the changed columns of each row shown before and after,
-    // adjacent rows with the same columns together.
-    std::sort(kept.begin(), kept.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
-    struct Block
-    {
-        int first;
-        int last;
-        ColumnRuns runs;
-    };
-    std::vector<Block> blocks;
-    int dataSignals = 0;
-    for (const Change *change : kept) {
-        if (!change->data)
-            continue;
-        ColumnRuns runs;
-        for (int c = 0; c < static_cast<int>(columns.size()); ++c) {
-            const int column = columns[static_cast<size_t>(c)];
-            if (!change->allColumns && (column < change->firstColumn || column > change->lastColumn))
-                continue;
-            if (!runs.empty() && runs.back().second == c - 1)
-                runs.back().second = c;
-            else
-                runs.emplace_back(c, c);
-        }
-        if (runs.empty())
-            continue;
-        if (!blocks.empty() && blocks.back().last == change->newPos - 1 && blocks.back().runs == runs) {
-            blocks.back().last = change->newPos;
-            continue;
-        }
-        dataSignals += static_cast<int>(runs.size());
-        blocks.push_back({change->newPos, change->newPos, std::move(runs)});
-    }
-    if (dataSignals > threshold) {
-        int left = INT_MAX;
-        int right = -1;
-        for (const Block &block : blocks) {
-            left = std::min(left, block.runs.front().first);
-            right = std::max(right, block.runs.back().second);
-        }
-        blocks = {{blocks.front().first, blocks.back().last, {{left, right}}}};
-    }
-
-    commit();
-    for (const Block &block : blocks) {
-        for (const auto &run : block.runs)
-            Q_EMIT q->dataChanged(q->index(block.first, run.first), q->index(block.last, run.second));
-    }
+    Q_ASSERT(view.count() == static_cast<int>(incoming.size()));
+    if (!committed)
+        commit();
     return true;
 }
 

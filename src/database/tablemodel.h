@@ -73,6 +73,16 @@ class TableModelPrivate;
 // needs refresh(). A new master index: the model holds the rows it shows
 // until it has read the new one.
 //
+// Sorting. The model's order is the index's, exact at every update: show
+// a sorted index (an IndexSort) for a live sorted view. A
+// QSortFilterProxyModel sorting on a column the table changes can misplace
+// rows for good: it places each row of a dataChanged or rowsInserted by a
+// binary search over the others, and when one update carries several
+// changed rows, the rows not yet announced already read their new values
+// (the model has no copy of the old ones). A proxy whose sort or filter
+// column never changes in place, or one invalidated after each updated(),
+// is exact.
+//
 // Editing: setData is not offered. A view's edit happens on the model's
 // thread, while the table's changes must come from its one writer thread
 // inside that thread's batches; an edit that opened a batch of its own

@@ -12,6 +12,7 @@
 
 #include "index.h"
 #include "tablemodel.h"
+#include "tablemodelplan_p.h"
 
 #include <QtCore/QBasicTimer>
 #include <QtCore/QElapsedTimer>
@@ -80,42 +81,6 @@ private:
     bool batchOpen() const;
 
     TableModelPrivate *m_model;
-};
-
-// The rows a view sees while an update is being signalled: pieces of the
-// old and the new snapshot, so that every intermediate state between two
-// signals answers at() without copying the rows.
-class TableModelRows
-{
-public:
-    enum Origin : quint8 { Old, New };
-
-    void reset(const std::vector<unsigned char *> &rows);
-    int count() const { return m_count; }
-    unsigned char *at(int i) const;
-    // Where element `index` of the old or new snapshot stands now; -1 if
-    // it is not shown.
-    int positionOf(Origin origin, int index) const;
-    void remove(int first, int count);
-    void insert(int at, Origin origin, unsigned char *const *base, int index, int count);
-    // Qt's move: `to` counts positions before the move.
-    void move(int first, int count, int to);
-
-private:
-    struct Piece
-    {
-        unsigned char *const *base; // the snapshot's first element
-        int index;                        // first element of the piece
-        int count;
-        Origin origin;
-    };
-    // Splits so that a piece starts at position i; answers that piece.
-    int split(int i);
-    void recount();
-
-    std::vector<Piece> m_pieces;
-    std::vector<int> m_starts;
-    int m_count = 0;
 };
 
 class TableModelPrivate

@@ -38,8 +38,12 @@ class DATABASE_EXPORT QtIOCompressor : public QIODevice
 public:
     enum StreamFormat { ZlibFormat = 0, GzipFormat = 1, RawZipFormat = 2 };
 
-    // Table files use level 6 and a buffer of 65500 bytes.
-    explicit QtIOCompressor(QIODevice *device, int compressionLevel = 6, int bufferSize = 65500);
+    // What table files are written with.
+    static const int TableCompressionLevel = 6;
+    static const int TableBufferSize = 65500;
+
+    explicit QtIOCompressor(QIODevice *device, int compressionLevel = TableCompressionLevel,
+                            int bufferSize = TableBufferSize);
     ~QtIOCompressor() override;
 
     void setStreamFormat(StreamFormat format);

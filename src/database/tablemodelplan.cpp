@@ -1,0 +1,385 @@
+#include "tablemodelplan_p.h"
+
+#include <algorithm>
+#include <climits>
+#include <functional>
+#include <unordered_map>
+#include <utility>
+
+RowFilter::RowFilter(size_t expected)
+{
+    m_shift = 64 - 12;
+    while ((size_t(1) << (64 - m_shift)) < expected * 16 && m_shift > 64 - 24)
+        --m_shift;
+    m_bits.assign((size_t(1) << (64 - m_shift)) / 64, 0);
+}
+
+// ---------------------------------------------------------------------------
+// The rows as the view sees them
+
+void TableModelRows::reset(const std::vector<unsigned char *> &rows)
+{
+    m_pieces.clear();
+    if (!rows.empty())
+        m_pieces.push_back({rows.data(), 0, static_cast<int>(rows.size()), Old});
+    recount();
+}
+
+void TableModelRows::recount()
+{
+    m_starts.resize(m_pieces.size());
+    int start = 0;
+    for (size_t k = 0; k < m_pieces.size(); ++k) {
+        m_starts[k] = start;
+        start += m_pieces[k].count;
+    }
+    m_count = start;
+}
+
+unsigned char *TableModelRows::at(int i) const
+{
+    const auto k = static_cast<size_t>(std::upper_bound(m_starts.begin(), m_starts.end(), i) - m_starts.begin() - 1);
+    const Piece &piece = m_pieces[k];
+    return piece.base[piece.index + i - m_starts[k]];
+}
+
+int TableModelRows::positionOf(Origin origin, int index) const
+{
+    for (size_t k = 0; k < m_pieces.size(); ++k) {
+        const Piece &piece = m_pieces[k];
+        if (piece.origin == origin && index >= piece.index && index < piece.index + piece.count)
+            return m_starts[k] + index - piece.index;
+    }
+    return -1;
+}
+
+int TableModelRows::split(int i)
+{
+    if (i >= m_count)
+        return static_cast<int>(m_pieces.size());
+    const auto k = static_cast<size_t>(std::upper_bound(m_starts.begin(), m_starts.end(), i) - m_starts.begin() - 1);
+    const int offset = i - m_starts[k];
+    if (offset == 0)
+        return static_cast<int>(k);
+    Piece tail = m_pieces[k];
+    tail.index += offset;
+    tail.count -= offset;
+    m_pieces[k].count = offset;
+    m_pieces.insert(m_pieces.begin() + static_cast<long>(k) + 1, tail);
+    recount();
+    return static_cast<int>(k) + 1;
+}
+
+void TableModelRows::remove(int first, int count)
+{
+    const int a = split(first);
+    const int b = split(first + count);
+    m_pieces.erase(m_pieces.begin() + a, m_pieces.begin() + b);
+    recount();
+}
+
+void TableModelRows::insert(int at, Origin origin, unsigned char *const *base, int index, int count)
+{
+    const int k = split(at);
+    m_pieces.insert(m_pieces.begin() + k, Piece{base, index, count, origin});
+    recount();
+}
+
+// ---------------------------------------------------------------------------
+// The plan
+
+namespace tablemodelplan {
+
+namespace {
+
+// Runs of adjacent model columns, as (first, last) pairs.
+using ColumnRuns = std::vector<std::pair<int, int>>;
+
+// One changed row of an update: where it was and is, and what changed.
+struct Change
+{
+    const unsigned char *row = nullptr;
+    int firstColumn = INT_MAX; // the union of the changed table columns
+    int lastColumn = -1;
+    bool allColumns = false;
+    bool data = false;
+    bool stable = false; // shown in both, not moved
+    bool placed = false; // inserted or moved by this update
+    int oldPos = -1;
+    int newPos = -1;
+    int oldAnchor = -1; // rows unchanged before it, in the old and new rows
+    int newAnchor = -1;
+    int predecessorOld = -1; // old position of the unchanged row before it in the new rows
+};
+
+// Marks the longest run of `changes` (in old order) whose new positions
+// increase: they stay where they are.
+void markStable(std::vector<Change *> &changes)
+{
+    std::vector<int> tails; // index into changes of the run's last element, by length
+    std::vector<int> before(changes.size(), -1);
+    for (size_t i = 0; i < changes.size(); ++i) {
+        const int position = changes[i]->newPos;
+        const auto it = std::lower_bound(tails.begin(), tails.end(), position,
+                                         [&](int k, int p) { return changes[static_cast<size_t>(k)]->newPos < p; });
+        if (it != tails.begin())
+            before[i] = *(it - 1);
+        if (it == tails.end())
+            tails.push_back(static_cast<int>(i));
+        else
+            *it = static_cast<int>(i);
+    }
+    for (int k = tails.empty() ? -1 : tails.back(); k != -1; k = before[static_cast<size_t>(k)])
+        changes[static_cast<size_t>(k)]->stable = true;
+}
+
+
+} // namespace
+
+bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned char *> &next,
+          const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
+          std::vector<Step> &steps)
+{
+    steps.clear();
+    // The changed rows, once each.
+    std::unordered_map<const unsigned char *, size_t> ids;
+    ids.reserve(changed.size() * 2);
+    std::vector<Change> changes;
+    RowFilter filter(changed.size());
+    for (const ChangedRow &c : changed) {
+        const auto found = ids.emplace(c.row, changes.size());
+        if (found.second) {
+            changes.emplace_back();
+            changes.back().row = c.row;
+            filter.add(c.row);
+        }
+        Change &change = changes[found.first->second];
+        change.data = true;
+        if (c.firstColumn < 0 || c.lastColumn < c.firstColumn) {
+            // A row that left and came back may have changed anywhere.
+            change.allColumns = true;
+        } else {
+            change.firstColumn = std::min(change.firstColumn, c.firstColumn);
+            change.lastColumn = std::max(change.lastColumn, c.lastColumn);
+        }
+    }
+    auto find = [&](const unsigned char *row) -> Change * {
+        if (!filter.maybe(row))
+            return nullptr;
+        const auto it = ids.find(row);
+        return it == ids.end() ? nullptr : &changes[it->second];
+    };
+
+    // One pass over both row lists: the unchanged rows must come in the same
+    // order in both (else the index changed behind the table's back, and
+    // the update rereads everything); the changed ones get their places.
+    const int oldCount = static_cast<int>(rows.size());
+    const int newCount = static_cast<int>(next.size());
+    int i = 0;
+    int unchanged = 0;
+    int lastUnchangedOld = -1;
+    bool previousUnchanged = false;
+    for (int j = 0; j < newCount; ++j) {
+        // Most rows are unchanged and where they were.
+        if (i < oldCount && rows[static_cast<size_t>(i)] == next[static_cast<size_t>(j)]
+            && !filter.maybe(next[static_cast<size_t>(j)])) {
+            lastUnchangedOld = i++;
+            ++unchanged;
+            previousUnchanged = true;
+            continue;
+        }
+        if (Change *change = find(next[static_cast<size_t>(j)])) {
+            if (change->newPos != -1)
+                return false;
+            change->newPos = j;
+            change->newAnchor = unchanged;
+            change->predecessorOld = previousUnchanged ? lastUnchangedOld : -1;
+            previousUnchanged = false;
+            continue;
+        }
+        for (; i < oldCount; ++i) {
+            Change *change = find(rows[static_cast<size_t>(i)]);
+            if (!change)
+                break;
+            if (change->oldPos != -1)
+                return false;
+            change->oldPos = i;
+            change->oldAnchor = unchanged;
+        }
+        if (i >= oldCount || rows[static_cast<size_t>(i)] != next[static_cast<size_t>(j)])
+            return false;
+        lastUnchangedOld = i++;
+        ++unchanged;
+        previousUnchanged = true;
+    }
+    for (; i < oldCount; ++i) {
+        Change *change = find(rows[static_cast<size_t>(i)]);
+        if (!change || change->oldPos != -1)
+            return false;
+        change->oldPos = i;
+        change->oldAnchor = unchanged;
+    }
+
+    // Rows shown in both that stayed between the same unchanged rows, and
+    // in order among themselves, are not moved.
+    std::vector<Change *> kept;
+    std::vector<int> removed;
+    std::vector<Change *> targets;
+    for (Change &change : changes) {
+        if (change.oldPos >= 0 && change.newPos >= 0)
+            kept.push_back(&change);
+        else if (change.oldPos >= 0)
+            removed.push_back(change.oldPos);
+    }
+    std::sort(kept.begin(), kept.end(), [](const Change *a, const Change *b) { return a->oldPos < b->oldPos; });
+    for (size_t a = 0; a < kept.size();) {
+        size_t b = a;
+        std::vector<Change *> candidates;
+        for (; b < kept.size() && kept[b]->oldAnchor == kept[a]->oldAnchor; ++b) {
+            if (kept[b]->newAnchor == kept[b]->oldAnchor)
+                candidates.push_back(kept[b]);
+        }
+        markStable(candidates);
+        a = b;
+    }
+    for (Change &change : changes) {
+        if (change.newPos >= 0 && !change.stable)
+            targets.push_back(&change);
+    }
+    std::sort(removed.begin(), removed.end(), std::greater<int>());
+    std::sort(targets.begin(), targets.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
+
+    TableModelRows view;
+    view.reset(rows);
+
+    // Signals: runs of removed rows, then runs of inserted or moved ones.
+    int signalCount = 0;
+    for (size_t k = 0; k < removed.size(); ++k) {
+        if (k == 0 || removed[k] != removed[k - 1] - 1)
+            ++signalCount;
+    }
+    for (size_t k = 0; k < targets.size(); ++k) {
+        const Change *t = targets[k];
+        const Change *p = k ? targets[k - 1] : nullptr;
+        const bool joins = p && t->newPos == p->newPos + 1 && (t->oldPos < 0) == (p->oldPos < 0)
+            && (t->oldPos < 0 || t->oldPos == p->oldPos + 1);
+        if (!joins)
+            ++signalCount;
+    }
+    if (signalCount > threshold)
+        return false;
+
+    for (size_t k = 0; k < removed.size();) {
+        size_t e = k + 1;
+        while (e < removed.size() && removed[e] == removed[e - 1] - 1)
+            ++e;
+        const int first = removed[e - 1];
+        const int last = removed[k];
+        steps.push_back({Step::Remove, first, last - first + 1, 0, 0, 0, 0});
+        view.remove(first, last - first + 1);
+        k = e;
+    }
+
+    // Each row goes right after its predecessor in the new rows, in the
+    // new order: that predecessor is in place already, and nothing is put
+    // between the two later.
+    auto predecessorPosition = [&](const Change *t) {
+        if (t->newPos == 0)
+            return -1;
+        const Change *p = find(next[static_cast<size_t>(t->newPos - 1)]);
+        if (!p)
+            return view.positionOf(TableModelRows::Old, t->predecessorOld);
+        if (p->placed)
+            return view.positionOf(TableModelRows::New, t->newPos - 1);
+        return view.positionOf(TableModelRows::Old, p->oldPos);
+    };
+    for (size_t k = 0; k < targets.size();) {
+        Change *t = targets[k];
+        const int to = predecessorPosition(t) + 1;
+        int count = 1;
+        if (t->oldPos < 0) {
+            while (k + static_cast<size_t>(count) < targets.size()) {
+                const Change *n = targets[k + static_cast<size_t>(count)];
+                if (n->oldPos >= 0 || n->newPos != t->newPos + count)
+                    break;
+                ++count;
+            }
+            steps.push_back({Step::Insert, to, count, 0, t->newPos, 0, 0});
+            view.insert(to, TableModelRows::New, next.data(), t->newPos, count);
+        } else {
+            const int from = view.positionOf(TableModelRows::Old, t->oldPos);
+            while (k + static_cast<size_t>(count) < targets.size()) {
+                const Change *n = targets[k + static_cast<size_t>(count)];
+                if (n->oldPos < 0 || n->newPos != t->newPos + count
+                    || view.positionOf(TableModelRows::Old, n->oldPos) != from + count)
+                    break;
+                ++count;
+            }
+            if (to == from || to == from + count) {
+                // In place already: only the bookkeeping moves.
+                steps.push_back({Step::Rebase, from, count, 0, t->newPos, 0, 0});
+                view.remove(from, count);
+                view.insert(from, TableModelRows::New, next.data(), t->newPos, count);
+            } else {
+                steps.push_back({Step::Move, from, count, to, t->newPos, 0, 0});
+                view.remove(from, count);
+                view.insert(to > from ? to - count : to, TableModelRows::New, next.data(), t->newPos, count);
+            }
+        }
+        for (int m = 0; m < count; ++m)
+            targets[k + static_cast<size_t>(m)]->placed = true;
+        k += static_cast<size_t>(count);
+    }
+    Q_ASSERT(view.count() == newCount);
+
+    // dataChanged: the changed columns of each row shown before and after,
+    // adjacent rows with the same columns together.
+    std::sort(kept.begin(), kept.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
+    struct Block
+    {
+        int first;
+        int last;
+        ColumnRuns runs;
+    };
+    std::vector<Block> blocks;
+    int dataSignals = 0;
+    for (const Change *change : kept) {
+        if (!change->data)
+            continue;
+        ColumnRuns runs;
+        for (int c = 0; c < static_cast<int>(columns.size()); ++c) {
+            const int column = columns[static_cast<size_t>(c)];
+            if (!change->allColumns && (column < change->firstColumn || column > change->lastColumn))
+                continue;
+            if (!runs.empty() && runs.back().second == c - 1)
+                runs.back().second = c;
+            else
+                runs.emplace_back(c, c);
+        }
+        if (runs.empty())
+            continue;
+        if (!blocks.empty() && blocks.back().last == change->newPos - 1 && blocks.back().runs == runs) {
+            blocks.back().last = change->newPos;
+            continue;
+        }
+        dataSignals += static_cast<int>(runs.size());
+        blocks.push_back({change->newPos, change->newPos, std::move(runs)});
+    }
+    if (dataSignals > threshold) {
+        int left = INT_MAX;
+        int right = -1;
+        for (const Block &block : blocks) {
+            left = std::min(left, block.runs.front().first);
+            right = std::max(right, block.runs.back().second);
+        }
+        blocks = {{blocks.front().first, blocks.back().last, {{left, right}}}};
+    }
+
+    for (const Block &block : blocks) {
+        for (const auto &run : block.runs)
+            steps.push_back({Step::Data, block.first, block.last - block.first + 1, 0, 0, run.first, run.second});
+    }
+    return true;
+}
+
+} // namespace tablemodelplan
