@@ -176,6 +176,27 @@ TEST_F(IndexSortTest, IndexOfFindsARowWhoseKeyChangedUnseen)
     EXPECT_EQ(std::count(positions.begin(), positions.end(), -1), 1);
 }
 
+// A key changed and never reported leaves the index out of order; builds
+// with run-time checks stop at the end of the next batch, naming the index.
+TEST_F(IndexSortTest, ABatchThatLeavesTheOrderBrokenStops)
+{
+#ifdef DATABASE_CHECKS
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    std::vector<Record> r;
+    for (int i = 0; i < 6; ++i)
+        r.push_back(append(10 * i, i));
+    index.process({}, {r[1]}, 0, 1, {}); // in order: nothing to say
+    EXPECT_DEATH(
+        {
+            setInt(r[2], 0, 5); // unreported
+            index.process({}, {r[4]}, 0, 1, {});
+        },
+        "IndexSort IntKeyIndex: records 1 and 2 out of order after a batch");
+#else
+    GTEST_SKIP() << "run-time checks are compiled out of this build";
+#endif
+}
+
 TEST_F(IndexSortTest, ProcessAppliesABatch)
 {
     std::vector<Record> r;

@@ -27,6 +27,50 @@ std::vector<int> contents(const PartitionList<int> &list)
 
 } // namespace
 
+// Reaches into a list to break its layout the way a faulty change would.
+template <typename T>
+struct PartitionListProbe
+{
+    static const char *brokenRule(const PartitionList<T> &list) { return list.brokenRule(); }
+    static int &count(PartitionList<T> &list, int partition) { return list.m_partitions[partition + 1]->count; }
+    static int &offset(PartitionList<T> &list, int partition) { return list.m_offsets[partition + 1]; }
+};
+using Probe = PartitionListProbe<int>;
+
+// Each rule of the layout is checked, and in builds with run-time checks a
+// change that leaves one broken stops the program, naming it.
+TEST(PartitionList, ABrokenLayoutIsNamed)
+{
+    PartitionList<int> list(4);
+    appendN(list, 9); // 3 + 3 + 3
+    ASSERT_EQ(Probe::brokenRule(list), nullptr);
+    Probe::offset(list, 2) = 5;
+    EXPECT_STREQ(Probe::brokenRule(list), "a partition's offset is not the count of the elements before it");
+    Probe::offset(list, 2) = 6;
+    Probe::count(list, 1) = 0;
+    EXPECT_STREQ(Probe::brokenRule(list), "an empty partition");
+    Probe::count(list, 1) = 2;
+    EXPECT_STREQ(Probe::brokenRule(list), "a partition's count disagrees with its elements");
+    Probe::count(list, 1) = 3;
+    ASSERT_EQ(Probe::brokenRule(list), nullptr);
+#ifdef DATABASE_CHECKS
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(
+        {
+            Probe::offset(list, 1) = 2;
+            list.removeAt(0);
+        },
+        "PartitionList: a partition's offset is not the count");
+    EXPECT_DEATH(
+        {
+            list.removeAt(8); // 3 + 3 + 2: the next append goes into the last partition
+            Probe::offset(list, 2) = 7;
+            list.append(9); // checks that partition only
+        },
+        "PartitionList: the partitions' counts do not add up");
+#endif
+}
+
 TEST(PartitionList, AppendsFillPartitionsToOneBelowTheSize)
 {
     PartitionList<int> list;

@@ -395,9 +395,47 @@ QVector<int> IndexSort::searchMany(const QVector<Record> &keys) const
     return found;
 }
 
+namespace {
+
+#ifdef DATABASE_CHECKS
+// The first position whose record sorts before the one ahead of it, or -1.
+int firstOutOfOrder(const IndexSort &index)
+{
+    int position = 0;
+    const Record *previous = nullptr;
+    for (const Record &record : index) {
+        if (previous && index.compare(*previous, record) > 0)
+            return position;
+        previous = &record;
+        ++position;
+    }
+    return -1;
+}
+#endif
+
+// In builds with DATABASE_CHECKS a batch ends by checking the whole order:
+// a record left out of place would make later searches miss rows quietly.
+struct OrderChecked
+{
+    const IndexSort *index;
+#ifdef DATABASE_CHECKS
+    ~OrderChecked()
+    {
+        const int at = firstOutOfOrder(*index);
+        if (at >= 0)
+            qFatal("IndexSort %s: records %d and %d out of order after a batch (did its comparison change without "
+                   "resort()?)",
+                   qPrintable(index->getClassName()), at - 1, at);
+    }
+#endif
+};
+
+} // namespace
+
 void IndexSort::process(const QList<Record> &removed, const QList<Record> &updated, int, int,
                         const QList<Record> &inserted)
 {
+    [[maybe_unused]] const OrderChecked checked{this};
     const int n = m_list.count();
 
     // Where the removed and updated records stand now.

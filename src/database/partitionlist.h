@@ -273,6 +273,7 @@ public:
 
     void append(const T &value)
     {
+        [[maybe_unused]] const CheckedTail checked{this};
         const int lastEntry = m_partitions.size() - 2;
         Partition *p = m_partitions[lastEntry];
         if (!p || p->count + 1 >= m_partitionSize) {
@@ -321,6 +322,7 @@ public:
     // points do not decrease.
     void insertBlocks(const int *points, const int *sizes, int blocks, const T *elements)
     {
+        [[maybe_unused]] const Checked checked{this};
         struct Pending
         {
             int offset; // in the partition, counting the blocks before it
@@ -400,6 +402,7 @@ public:
     // Removes the i-th element; an i out of range changes nothing.
     void removeAt(int i)
     {
+        [[maybe_unused]] const Checked checked{this};
         int k = entryContaining(i);
         if (k < 0)
             return;
@@ -467,6 +470,7 @@ public:
     // runs even when there is nothing to delete.
     void removeRanges(const QVector<QPair<int, int>> &ranges)
     {
+        [[maybe_unused]] const Checked checked{this};
         int r = 0;
         for (int k = 1; k + 1 < m_partitions.size() && r < ranges.size(); ++k) {
             Partition *p = m_partitions[k];
@@ -518,6 +522,62 @@ public:
     }
 
 private:
+    template <typename>
+    friend struct PartitionListProbe; // the tests' way to break a layout
+
+    // In builds with DATABASE_CHECKS, a change ends by checking the layout
+    // rules above and aborts naming the first one broken: an index whose
+    // partitions disagree with their offsets would answer wrong rows, not
+    // crash, long after the change that broke them.
+    struct Checked
+    {
+        const PartitionList *list;
+#ifdef DATABASE_CHECKS
+        ~Checked() { list->verify(false); }
+#endif
+    };
+    // An append touches the last partition only: checking the rest each time
+    // would make filling a table quadratic.
+    struct CheckedTail
+    {
+        const PartitionList *list;
+#ifdef DATABASE_CHECKS
+        ~CheckedTail() { list->verify(true); }
+#endif
+    };
+    void verify(bool tailOnly) const
+    {
+        if (const char *broken = brokenRule(tailOnly))
+            qFatal("PartitionList: %s", broken);
+    }
+    // The first layout rule broken, or null.
+    const char *brokenRule(bool tailOnly = false) const
+    {
+        const int entries = m_partitions.size();
+        if (entries < 2 || m_partitions.first() || m_partitions.last())
+            return "the partition vector lost a null sentinel";
+        if (m_offsets.size() != entries)
+            return "offsets and partitions differ in number";
+        int total = 0;
+        for (int k = tailOnly ? std::max(1, entries - 2) : 1; k + 1 < entries; ++k) {
+            const Partition *p = m_partitions[k];
+            if (!p)
+                return "a null partition between the sentinels";
+            if (p->count <= 0)
+                return "an empty partition";
+            if (p->last - p->first != p->count || p->count > p->capacity)
+                return "a partition's count disagrees with its elements";
+            if (tailOnly)
+                total = m_offsets[k];
+            else if (m_offsets[k] != total)
+                return "a partition's offset is not the count of the elements before it";
+            total += p->count;
+        }
+        if (m_offsets.last() != total || total != m_count)
+            return "the partitions' counts do not add up to count()";
+        return nullptr;
+    }
+
     static const T &emptyElement()
     {
         static const T empty{};
@@ -552,6 +612,7 @@ private:
     template <typename Construct>
     void insertBlock(int i, int n, Construct construct)
     {
+        [[maybe_unused]] const Checked checked{this};
         int k = entryForInsert(i);
         if (k < 0)
             return;

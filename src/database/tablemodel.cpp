@@ -285,7 +285,10 @@ void TableModelPrivate::update(bool forceLayout)
         if (resetDue) {
             pages.clear();
             updating = true;
-            const auto done = qScopeGuard([this] { updating = false; });
+            const auto done = qScopeGuard([this] {
+                updating = false;
+                readWhileUpdating.clear();
+            });
             incoming.clear();
             updateReset();
             Q_EMIT q->updated();
@@ -330,7 +333,10 @@ void TableModelPrivate::update(bool forceLayout)
     pages.clear();
     {
         updating = true;
-        const auto done = qScopeGuard([this] { updating = false; });
+        const auto done = qScopeGuard([this] {
+            updating = false;
+            readWhileUpdating.clear();
+        });
         if (reset) {
             updateReset();
         } else {
@@ -424,8 +430,9 @@ bool TableModelPrivate::updateFine(TableModelPending &taken)
 
     using Step = tablemodelplan::Step;
     const QModelIndex top;
-    bool committed = false;
-    for (const Step &s : steps) {
+    auto step = steps.begin();
+    for (; step != steps.end() && step->kind != Step::Data; ++step) {
+        const Step &s = *step;
         switch (s.kind) {
         case Step::Remove:
             q->beginRemoveRows(top, s.first, s.first + s.count - 1);
@@ -452,17 +459,15 @@ bool TableModelPrivate::updateFine(TableModelPending &taken)
             break;
         }
         case Step::Data:
-            if (!committed) {
-                commit();
-                committed = true;
-            }
-            Q_EMIT q->dataChanged(q->index(s.first, s.firstColumn), q->index(s.first + s.count - 1, s.lastColumn));
             break;
         }
     }
     Q_ASSERT(view.count() == static_cast<int>(incoming.size()));
-    if (!committed)
-        commit();
+    commit();
+    // The data steps come last, in positions of the new rows.
+    for (; step != steps.end(); ++step)
+        Q_EMIT q->dataChanged(q->index(step->first, step->firstColumn),
+                              q->index(step->first + step->count - 1, step->lastColumn));
     return true;
 }
 
@@ -604,9 +609,17 @@ QVariant TableModel::data(const QModelIndex &index, int role) const
             : QVariant();
     Table *table = d->table;
     if (d->updating) {
-        // Between two signals of an update: the rows are in flux.
+        // Between two signals of an update the rows move: cells are kept by
+        // row, so that a slot reads the same value before and after a
+        // signal, whatever a writer does meanwhile.
+        const TableModelPrivate::CellKey key{d->view.at(row), column, role};
+        const auto known = d->readWhileUpdating.find(key);
+        if (known != d->readWhileUpdating.end())
+            return known->second;
         TableLocker locker(table);
-        return d->stale ? QVariant() : d->cell(d->view.at(row), column, role);
+        const QVariant value = d->stale ? QVariant() : d->cell(key.row, column, role);
+        d->readWhileUpdating.emplace(key, value);
+        return value;
     }
     // A view asks cell by cell; the lock is taken once per page of rows, so
     // that a writer's batches delay a repaint once, not once per cell.

@@ -58,7 +58,9 @@ class TableModelPrivate;
 // view. Cells are read under the table's lock (a TableLocker), so never
 // from a row half written, a page of 64 rows at a time: the values are kept
 // until the next update, and a writer's batch delays a repaint once rather
-// than once per cell. A batch about to open lets a waiting reader take the
+// than once per cell. While an update signals, a cell keeps the value first
+// read from its row until the update ends, wherever the signals move the
+// row: slots comparing a row before and after a signal see the same value. A batch about to open lets a waiting reader take the
 // lock first, so a writer that opens batches back to back does not starve
 // the view. After a column is added to a table with rows, cells not read
 // before read as invalid until the reset.

@@ -18,7 +18,9 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QVariant>
 
+#include <functional>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 class IndexList;
@@ -137,6 +139,23 @@ public:
         std::vector<QVariant> cells;
     };
     QVariant cell(unsigned char *row, int column, int role) const;
+
+    // Cells read while an update signals, by row: dropped when it ends.
+    struct CellKey
+    {
+        unsigned char *row;
+        int column;
+        int role;
+        bool operator==(const CellKey &o) const { return row == o.row && column == o.column && role == o.role; }
+    };
+    struct CellKeyHash
+    {
+        size_t operator()(const CellKey &k) const
+        {
+            return std::hash<const void *>()(k.row) ^ (size_t(k.column) * 0x9E3779B97F4A7C15ull) ^ size_t(k.role);
+        }
+    };
+    mutable std::unordered_map<CellKey, QVariant, CellKeyHash> readWhileUpdating;
 
     // The model's thread only; `rows` is also read by the listener, and so
     // is swapped under the lock.
