@@ -10,6 +10,7 @@
 // errors exit with 2.
 
 #include <database/database.h>
+#include <database/tableformat_p.h>
 
 #include <QtCore/QBuffer>
 #include <QtCore/QCommandLineParser>
@@ -126,11 +127,9 @@ Content readContent(const QString &path)
     return content;
 }
 
-// The stored header, read as the loader reads it.
-struct Header
+// The stored header, read by the loader's own reader.
+struct Header : tableformat::Header
 {
-    QList<TableColumnDef> columns; // as stored: offsets and sizes too
-    qint32 rowCount = 0, rowLength = 0, recordLength = 0;
     qint64 headerSize = 0;
 };
 
@@ -138,15 +137,8 @@ Header readHeader(const QString &path, const QByteArray &bytes)
 {
     QDataStream stream(bytes);
     Header header;
-    qint16 count = 0;
-    stream >> count;
-    for (int i = 0; i < count && stream.status() == QDataStream::Ok; ++i) {
-        TableColumnDef def(nullptr);
-        def.read(stream);
-        header.columns.append(def);
-    }
-    stream >> header.rowCount >> header.rowLength >> header.recordLength;
-    if (stream.status() != QDataStream::Ok)
+    static_cast<tableformat::Header &>(header) = tableformat::readHeader(stream);
+    if (!header.complete)
         fail(path, QStringLiteral("the header is cut short"));
     header.headerSize = stream.device()->pos();
     return header;
@@ -299,41 +291,9 @@ void verify(const QString &path)
     if (!content.streamError.isEmpty())
         fail(path, content.streamError);
     const Header header = readHeader(path, content.bytes);
-    qint64 offset = 0;
-    for (const TableColumnDef &def : header.columns) {
-        const QString column = QStringLiteral("column '%1'").arg(def.name);
-        if (def.name.isEmpty())
-            fail(path, QStringLiteral("a column without a name"));
-        if (def.type < FieldType::Integer || def.type > FieldType::BoardList)
-            fail(path, QStringLiteral("%1 has the undefined type %2").arg(column).arg(int(def.type)));
-        if (def.type == FieldType::String && (def.length <= 0 || def.length > Table::maxStringLength))
-            fail(path, QStringLiteral("%1 has the string length %2").arg(column).arg(def.length));
-        const qint64 size = static_cast<qint64>(FieldType::typeLength(def.type, def.length));
-        if (static_cast<qint64>(def.offset) != offset)
-            fail(path, QStringLiteral("%1 is stored at offset %2, its layout puts it at %3")
-                           .arg(column)
-                           .arg(static_cast<qint64>(def.offset))
-                           .arg(offset));
-        if (static_cast<qint64>(def.size) != size)
-            fail(path, QStringLiteral("%1 is stored with size %2, its type takes %3")
-                           .arg(column)
-                           .arg(static_cast<qint64>(def.size))
-                           .arg(size));
-        offset += size;
-    }
-    const qint64 record = offset + (header.columns.size() + 7) / 8;
-    if (header.rowLength != offset)
-        fail(path, QStringLiteral("the row length is %1, the columns take %2").arg(header.rowLength).arg(offset));
-    if (header.recordLength != record)
-        fail(path, QStringLiteral("the record length is %1, the layout needs %2").arg(header.recordLength).arg(record));
-    if (header.rowCount < 0)
-        fail(path, QStringLiteral("the row count is negative (%1)").arg(header.rowCount));
-    const qint64 data = content.bytes.size() - header.headerSize;
-    const qint64 expected = static_cast<qint64>(header.rowCount) * record;
-    if (data < expected)
-        fail(path, QStringLiteral("%1 rows need %2 bytes of data, the file has %3").arg(header.rowCount).arg(expected).arg(data));
-    if (data > expected)
-        fail(path, QStringLiteral("%1 bytes follow the last of %2 rows").arg(data - expected).arg(header.rowCount));
+    const QString problem = tableformat::problem(header, content.bytes.size() - header.headerSize);
+    if (!problem.isEmpty())
+        fail(path, problem);
     out() << path << ": ok, " << header.columns.size() << " columns, " << header.rowCount << " rows\n";
 }
 

@@ -1,4 +1,5 @@
 #include "tableio.h"
+#include "tableformat_p.h"
 
 #include "index.h"
 #include "masterindex.h"
@@ -280,20 +281,17 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     });
     m_table->clear();
 
-    qint16 columnCount = 0;
-    stream >> columnCount;
+    const tableformat::Header header = tableformat::readHeader(stream);
+    const int columnCount = header.columns.size();
     Table saved(QStringLiteral("saved"));
     {
         saved.deferNullLayout(true);
         auto layout = qScopeGuard([&] { saved.deferNullLayout(false); });
-        for (int i = 0; i < columnCount; ++i) {
-            TableColumnDef def(&saved);
-            def.read(stream);
+        for (const TableColumnDef &def : header.columns)
             saved.addColumn(def);
-        }
     }
-    qint32 rowCount = 0, rowLength = 0, recordLength = 0;
-    stream >> rowCount >> rowLength >> recordLength;
+    const qint32 rowCount = header.rowCount;
+    const qint32 recordLength = header.recordLength;
 
     if (addMissingColumns && columnCount > 0) {
         m_table->deferNullLayout(true); // the table is empty here
