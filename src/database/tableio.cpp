@@ -107,27 +107,6 @@ bool dropped(const QString &stored, const TableIO::Convertors &convertors)
 } // namespace
 
 // ---------------------------------------------------------------------------
-// Column records
-
-void TableColumnDef::write(QDataStream &stream) const
-{
-    stream << name << title << description << static_cast<qint32>(length) << static_cast<qint8>(type)
-           << static_cast<qint32>(offset) << static_cast<qint32>(size) << nullable << secondFlag;
-}
-
-void TableColumnDef::read(QDataStream &stream)
-{
-    qint32 storedLength = 0, storedOffset = 0, storedSize = 0;
-    qint8 storedType = 0;
-    stream >> name >> title >> description >> storedLength >> storedType >> storedOffset >> storedSize >> nullable
-        >> secondFlag;
-    length = storedLength;
-    type = static_cast<FieldType::Type>(static_cast<qint32>(storedType));
-    offset = static_cast<unsigned long long>(static_cast<qint64>(storedOffset));
-    size = static_cast<unsigned long long>(static_cast<qint64>(storedSize));
-}
-
-// ---------------------------------------------------------------------------
 // Convertors
 
 FieldDefConvertor::~FieldDefConvertor() = default;
