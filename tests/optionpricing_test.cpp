@@ -40,6 +40,10 @@ TEST(OptionPricing, TheDistributionWithinThePolynomialsError)
         EXPECT_NEAR(norm_pdf(x), std::exp(-x * x / 2) / std::sqrt(2 * M_PI), 1e-16) << x;
     }
     EXPECT_NEAR(norm_cdf(0), 0.5, 2e-7); // 0.49999985 with the shortened coefficients
+    // At 0 the polynomial's coefficients sum to 1.2533137, and the factor in
+    // front is the shortened literal 0.3989423, not 1/sqrt(2 pi) (which
+    // would give 2.5e-8 less).
+    EXPECT_NEAR(norm_cdf(0), 0.3989423 * 1.2533137, 1e-12);
     EXPECT_EQ(norm_cdf(10.5), 1.0);
     EXPECT_EQ(norm_cdf(-10.5), 0.0);
 }

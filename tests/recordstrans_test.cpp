@@ -1,6 +1,7 @@
 #include "testutil.h"
 
 #include <database/indexlimit.h>
+#include <database/indexlist.h>
 #include <database/masterindex.h>
 #include <database/recordstrans.h>
 #include <database/table.h>
@@ -80,6 +81,35 @@ TEST_F(TransTest, EqualNewKeysShareOneRecord)
     EXPECT_EQ(contents(), (std::map<int, int>{{1, 10}}));
     EXPECT_TRUE(trans.isEmpty());
     trans.clear();
+}
+
+// The indexes hear a transaction as one batch with the range it took when
+// it was made: (column count, -1), which says nothing of the columns, and
+// not the range of the columns it changed.
+TEST_F(TransTest, IndexesHearTheEmptyRangeTakenAtConstruction)
+{
+    struct RangeHeard : IndexList
+    {
+        using IndexList::IndexList;
+        void process(const QList<Record> &removed, const QList<Record> &updated, int first, int last,
+                     const QList<Record> &inserted) override
+        {
+            ranges.append({first, last});
+            IndexList::process(removed, updated, first, last, inserted);
+        }
+        QList<QPair<int, int>> ranges;
+    } heard(&table, true);
+    {
+        RecordsTrans trans(&table);
+        put(trans, 1, 10);
+    }
+    {
+        RecordsTrans trans(&table);
+        put(trans, 1, 11); // an update of column 1 only
+    }
+    EXPECT_EQ(heard.ranges, (QList<QPair<int, int>>{{2, -1}, {2, -1}}));
+    EXPECT_EQ(heard.count(), 1);
+    table.removeIndex(&heard);
 }
 
 TEST_F(TransTest, ARemovedNewKeyLeavesNothing)
