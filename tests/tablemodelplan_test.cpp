@@ -234,6 +234,20 @@ TEST(TableModelPlan, RowsChangedInPlaceAreNotMovedAndNeighboursGoTogether)
     EXPECT_TRUE(steps.empty());
 }
 
+// What an update's signals leave shown is checked against the index's rows
+// (after every update in builds with run-time checks).
+TEST(TableModelPlan, AViewThatDiffersFromTheIndexIsNamed)
+{
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const Rows rows = {row(0), row(1), row(2)};
+    TableModelRows view;
+    view.reset(rows);
+    tablemodelplan::verifyShown(view, rows); // the same: nothing to say
+    EXPECT_DEATH(tablemodelplan::verifyShown(view, {row(0), row(2), row(1)}), "TableModel: row 1 shown is not the index's row 1");
+    view.remove(2, 1);
+    EXPECT_DEATH(tablemodelplan::verifyShown(view, rows), "TableModel: the signals left 2 rows shown, the index has 3");
+}
+
 TEST(TableModelPlan, ReorderedUnchangedRowsOrTooManySignalsMeanALayoutChange)
 {
     const Rows rows = {row(0), row(1), row(2), row(3)};

@@ -462,7 +462,9 @@ bool TableModelPrivate::updateFine(TableModelPending &taken)
             break;
         }
     }
-    Q_ASSERT(view.count() == static_cast<int>(incoming.size()));
+#ifdef DATABASE_CHECKS
+    tablemodelplan::verifyShown(view, incoming);
+#endif
     commit();
     // The data steps come last, in positions of the new rows.
     for (; step != steps.end(); ++step)

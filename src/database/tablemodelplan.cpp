@@ -382,4 +382,15 @@ bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned c
     return true;
 }
 
+void verifyShown(const TableModelRows &view, const std::vector<unsigned char *> &rows)
+{
+    if (view.count() != static_cast<int>(rows.size()))
+        qFatal("TableModel: the signals left %d rows shown, the index has %d", view.count(),
+               static_cast<int>(rows.size()));
+    for (int i = 0; i < view.count(); ++i) {
+        if (view.at(i) != rows[static_cast<size_t>(i)])
+            qFatal("TableModel: row %d shown is not the index's row %d after an update", i, i);
+    }
+}
+
 } // namespace tablemodelplan

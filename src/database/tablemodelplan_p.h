@@ -126,6 +126,11 @@ DATABASE_EXPORT bool plan(const std::vector<unsigned char *> &rows, const std::v
                           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
                           std::vector<Step> &steps);
 
+// Stops the program, naming the first difference, unless the view shows
+// exactly `rows`: what an update's signals left against what it read from
+// the index. Builds with DATABASE_CHECKS run it after every update.
+DATABASE_EXPORT void verifyShown(const TableModelRows &view, const std::vector<unsigned char *> &rows);
+
 } // namespace tablemodelplan
 
 #endif // DATABASE_TABLEMODELPLAN_P_H
