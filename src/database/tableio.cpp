@@ -1,5 +1,6 @@
 #include "tableio.h"
 #include "tableformat_p.h"
+#include "tablerecords_p.h"
 
 #include "index.h"
 #include "masterindex.h"
@@ -23,11 +24,8 @@
 namespace {
 
 constexpr int BatchSize = 10240;
-// Rows are saved in blocks of about this many bytes, and loaded in chunks of
-// about this many; records longer than MaxChunkedRecord are read one by one.
+// Rows are saved in blocks of about this many bytes.
 constexpr int WriteBlock = 256 * 1024;
-constexpr qint64 ReadBlock = 256 * 1024;
-constexpr qint64 MaxChunkedRecord = 64 * 1024;
 
 // When every live column is a plain copy of the stored column at the same
 // place, a row converts as one copy of its slotBytes and of its null bits (only
@@ -290,18 +288,17 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     m_table->setIndexes(QList<Index *>());
     detached = true;
 
-    // The buffer covers the stored layout whatever the record length says, so
-    // that no convertor reads past it; longer records are skipped past.
+    // Each record comes as the whole stored layout, so that no convertor
+    // reads past it (see tablerecords_p.h for damaged streams).
     const qint64 layout = static_cast<qint64>(saved.rowSize()) - Table::base;
-    const qint64 record = qMax<qint64>(recordLength, 0);
-    std::vector<unsigned char> buffer(static_cast<size_t>(layout) + 1, 0);
-    const int readable = static_cast<int>(qMin(record, layout));
-    const int skipped = static_cast<int>(record - readable);
-
     const WholeCopy whole = wholeCopy(list, m_table, &saved);
     QList<Record> batch;
     batch.reserve(BatchSize);
-    auto make = [&](const unsigned char *from) {
+    // Made-up rows past the end also stop at 256 MiB of rows, so that a few
+    // bytes that promise wide rows cannot claim gigabytes.
+    const qint64 maxPastEnd = std::max<qint64>(
+        1, std::min<qint64>(MaxRowsPastEnd, MaxBytesPastEnd / static_cast<qint64>(m_table->rowSize())));
+    tablerecords::read(stream, layout, recordLength, rowCount, maxPastEnd, [&](const unsigned char *from) {
         const Record row(m_table);
         if (whole.enabled)
             whole.copy(row.rowPtr() + Table::base, from);
@@ -312,75 +309,7 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
             batch.clear();
         }
         batch.append(row);
-    };
-
-    qint64 pastEnd = 0;
-    // Made-up rows also stop at 256 MiB of rows, so that a few bytes that
-    // promise wide rows cannot claim gigabytes.
-    const qint64 maxPastEnd = std::max<qint64>(
-        1, std::min<qint64>(MaxRowsPastEnd, MaxBytesPastEnd / static_cast<qint64>(m_table->rowSize())));
-    if (readable > 0 && record <= MaxChunkedRecord) {
-        // Records are read many at a time; `buffer` keeps the last one read,
-        // so that a short stream ends exactly as a record-at-a-time read does.
-        const qint64 perChunk = std::max<qint64>(1, ReadBlock / record);
-        std::vector<char> chunk(static_cast<size_t>(perChunk * record));
-        for (qint64 r = 0; r < rowCount;) {
-            if (stream.atEnd()) {
-                if (++pastEnd > maxPastEnd)
-                    break;
-                make(buffer.data());
-                ++r;
-                continue;
-            }
-            // A device may hand over less than asked before its end: read on
-            // until the chunk is full or nothing more comes.
-            const int want = static_cast<int>(std::min(perChunk, rowCount - r) * record);
-            int got = 0;
-            while (got < want) {
-                const int read = stream.readRawData(chunk.data() + got, want - got);
-                if (read <= 0)
-                    break;
-                got += read;
-            }
-            const qint64 full = got / record;
-            const int partial = static_cast<int>(got % record);
-            for (qint64 i = 0; i < full; ++i) {
-                const char *at = chunk.data() + i * record;
-                if (readable < layout) {
-                    // A record shorter than the stored layout: the convertors
-                    // read the whole layout, so give them the buffer, whose
-                    // tail is zeros, as a record-at-a-time read does.
-                    std::memcpy(buffer.data(), at, static_cast<size_t>(readable));
-                    make(buffer.data());
-                } else {
-                    make(reinterpret_cast<const unsigned char *>(at));
-                }
-            }
-            if (full > 0)
-                std::memcpy(buffer.data(), chunk.data() + (full - 1) * record, static_cast<size_t>(readable));
-            r += full;
-            if (partial > 0 || full == 0) {
-                // A record cut short overwrites the start of the last one.
-                std::memcpy(buffer.data(), chunk.data() + full * record,
-                            static_cast<size_t>(std::min(partial, readable)));
-                make(buffer.data());
-                ++r;
-            }
-        }
-    } else {
-        for (qint64 r = 0; r < rowCount; ++r) {
-            // Rows that take no bytes (a record length of 0) are made up as
-            // much as those past the end, and bounded alike.
-            if ((stream.atEnd() || record == 0) && ++pastEnd > maxPastEnd)
-                break;
-            // A short read leaves the rest of the buffer as it was.
-            if (readable > 0)
-                stream.readRawData(reinterpret_cast<char *>(buffer.data()), readable);
-            if (skipped > 0)
-                stream.skipRawData(skipped);
-            make(buffer.data());
-        }
-    }
+    });
     if (!batch.isEmpty())
         m_table->appendList(batch);
 }
