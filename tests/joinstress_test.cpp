@@ -31,6 +31,26 @@
 #include <memory>
 #include <random>
 
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+// A crash prints the seed and round it happened in, which an assertion's
+// trace would have said: only what a signal handler may call is used.
+char crashNote[96];
+void noteCrash(int signal)
+{
+    const ssize_t written = ::write(STDERR_FILENO, crashNote, std::strlen(crashNote));
+    (void)written;
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+} // namespace
+
 namespace {
 
 const char *const boards[] = {"TQBR", "SPBF"};
@@ -446,9 +466,17 @@ TEST_F(JoinStress, WritersReloadsAndModelsOnTheirOwnThreads)
     const TableModel *views[] = {&ordersView, &byNumberView, &instrumentsView};
 
     int rounds = 0, reloads = 0;
+    for (const int signal : {SIGSEGV, SIGBUS}) {
+        // Only where nothing else reports crashes: a sanitizer's report says more.
+        struct sigaction current = {};
+        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+            std::signal(signal, noteCrash);
+    }
     while (std::chrono::steady_clock::now() < end || rounds < 10) {
         const unsigned roundSeed = seed + 7919u * static_cast<unsigned>(rounds);
         SCOPED_TRACE(testing::Message() << "DATABASE_STRESS_SEED=" << seed << " round " << rounds);
+        std::snprintf(crashNote, sizeof crashNote, "\njoin stress: crashed in DATABASE_STRESS_SEED=%u round %d\n", seed,
+                      rounds);
         ++rounds;
         // This round a dependent table may be reloaded instead of written:
         // one writer per table at a time.
