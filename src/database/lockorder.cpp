@@ -94,9 +94,9 @@ bool LockOrder::precedes(const Table *first, const Table *second)
     return g.reaches(first, second);
 }
 
+#ifdef DATABASE_CHECKS
 void LockOrder::acquired(const Table *table)
 {
-#ifdef DATABASE_CHECKS
     // A level more of a lock this thread holds is no new order.
     if (std::find(held.begin(), held.end(), table) == held.end()) {
         for (const Table *other : held) {
@@ -107,18 +107,12 @@ void LockOrder::acquired(const Table *table)
         }
     }
     held.push_back(table);
-#else
-    Q_UNUSED(table);
-#endif
 }
 
 void LockOrder::released(const Table *table)
 {
-#ifdef DATABASE_CHECKS
     const auto last = std::find(held.rbegin(), held.rend(), table);
     if (last != held.rend())
         held.erase(std::next(last).base());
-#else
-    Q_UNUSED(table);
-#endif
 }
+#endif

@@ -111,10 +111,7 @@ bool knownRange(int firstColumn, int lastColumn)
     return firstColumn >= 0 && firstColumn <= lastColumn;
 }
 
-
-
 } // namespace tablejoin_detail
-
 
 void TableJoinPrivate::changed(TableJoinLink &link, const unsigned char *leaving)
 {

@@ -59,8 +59,7 @@ void TableModelListener::note(const Record &record, int firstColumn, int lastCol
         if (pending.changes.size() < MaxQueuedChanges) {
             pending.changes.push_back({record.rowPtr(), firstColumn, lastColumn, kind});
         } else {
-            pending.coarse = true;
-            std::vector<TableModelPending::Change>().swap(pending.changes);
+            pending.giveUpDetails();
         }
     }
     changed();
@@ -111,8 +110,7 @@ void TableModelListener::holdRows()
 {
     TableModelPrivate *m = m_model;
     TableModelPending &pending = m->pending;
-    pending.coarse = true;
-    std::vector<TableModelPending::Change>().swap(pending.changes);
+    pending.giveUpDetails();
     // Stale rows may be freed already: the reset due reads none of them.
     if (!pending.viewKept && !m->stale) {
         pending.viewKept = true;
@@ -128,8 +126,7 @@ void TableModelListener::holdRows()
 void TableModelListener::build()
 {
     TableModelPending &pending = m_model->pending;
-    pending.coarse = true;
-    std::vector<TableModelPending::Change>().swap(pending.changes);
+    pending.giveUpDetails();
     changed();
 }
 
@@ -284,11 +281,7 @@ void TableModelPrivate::update(bool forceLayout)
         // The table is gone.
         if (resetDue) {
             pages.clear();
-            updating = true;
-            const auto done = qScopeGuard([this] {
-                updating = false;
-                readWhileUpdating.clear();
-            });
+            const auto done = signalling();
             incoming.clear();
             updateReset();
             Q_EMIT q->updated();
@@ -332,11 +325,7 @@ void TableModelPrivate::update(bool forceLayout)
     }
     pages.clear();
     {
-        updating = true;
-        const auto done = qScopeGuard([this] {
-            updating = false;
-            readWhileUpdating.clear();
-        });
+        const auto done = signalling();
         if (reset) {
             updateReset();
         } else {

@@ -16,6 +16,7 @@
 
 #include <QtCore/QBasicTimer>
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QVariant>
 
 #include <functional>
@@ -50,6 +51,13 @@ struct TableModelPending
     bool viewKept = false;
 
     bool isEmpty() const { return changes.empty() && kept.empty() && !coarse; }
+    // From now on the update rereads the whole index: the queue lets go of
+    // its memory.
+    void giveUpDetails()
+    {
+        coarse = true;
+        std::vector<Change>().swap(changes);
+    }
 };
 
 // The index through which the model hears its table. It never holds rows in
@@ -97,6 +105,16 @@ public:
     // The index's rows now; false when there is nothing to read.
     bool readSource(std::vector<unsigned char *> &rows) const;
     void update(bool forceLayout);
+    // Marks the model as signalling until the guard goes; the cells read
+    // meanwhile are kept by row until then.
+    auto signalling()
+    {
+        updating = true;
+        return qScopeGuard([this] {
+            updating = false;
+            readWhileUpdating.clear();
+        });
+    }
     bool updateFine(TableModelPending &pending);
     void updateLayout();
     void updateReset();

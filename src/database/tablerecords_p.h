@@ -42,6 +42,30 @@ void read(QDataStream &stream, qint64 layout, qint64 record, qint64 rowCount, qi
     record = std::max<qint64>(record, 0);
     const int readable = static_cast<int>(std::min(record, layout));
     const int skipped = static_cast<int>(record - readable);
+    // A sequential device (a pipe, a socket) may hand over or skip less than
+    // asked before its end: go on until it is done or nothing more comes,
+    // so that the next record starts where it should. Both answer how many
+    // bytes they got through.
+    auto readFully = [&stream](char *to, int n) {
+        int got = 0;
+        while (got < n) {
+            const int read = stream.readRawData(to + got, n - got);
+            if (read <= 0)
+                break;
+            got += read;
+        }
+        return got;
+    };
+    auto skipFully = [&stream](int n) {
+        int gone = 0;
+        while (gone < n) {
+            const int step = stream.skipRawData(n - gone);
+            if (step <= 0)
+                break;
+            gone += step;
+        }
+        return gone;
+    };
     qint64 pastEnd = 0;
     if (readable > 0 && record <= MaxChunkedRecord) {
         // `buffer` keeps the last record read, so that a short stream ends
@@ -56,16 +80,7 @@ void read(QDataStream &stream, qint64 layout, qint64 record, qint64 rowCount, qi
                 ++r;
                 continue;
             }
-            // A device may hand over less than asked before its end: read on
-            // until the chunk is full or nothing more comes.
-            const int want = static_cast<int>(std::min(perChunk, rowCount - r) * record);
-            int got = 0;
-            while (got < want) {
-                const int read = stream.readRawData(chunk.data() + got, want - got);
-                if (read <= 0)
-                    break;
-                got += read;
-            }
+            const int got = readFully(chunk.data(), static_cast<int>(std::min(perChunk, rowCount - r) * record));
             const qint64 full = got / record;
             const int partial = static_cast<int>(got % record);
             for (qint64 i = 0; i < full; ++i) {
@@ -91,25 +106,6 @@ void read(QDataStream &stream, qint64 layout, qint64 record, qint64 rowCount, qi
         }
         return;
     }
-    // A sequential device (a pipe, a socket) may hand over or skip less than
-    // asked before its end: go on until it is done or nothing more comes,
-    // so that the next record starts where it should.
-    auto readFully = [&stream](char *to, int n) {
-        for (int got = 0; got < n;) {
-            const int read = stream.readRawData(to + got, n - got);
-            if (read <= 0)
-                return;
-            got += read;
-        }
-    };
-    auto skipFully = [&stream](int n) {
-        for (int gone = 0; gone < n;) {
-            const int skipped = stream.skipRawData(n - gone);
-            if (skipped <= 0)
-                return;
-            gone += skipped;
-        }
-    };
     for (qint64 r = 0; r < rowCount; ++r) {
         if ((stream.atEnd() || record == 0) && ++pastEnd > maxPastEnd)
             break;
