@@ -1,120 +1,29 @@
 #include "indexsort.h"
 
 #include "recordsort_p.h"
+#include "sortbatch_p.h"
 
 #include <algorithm>
-#include <cmath>
-#include <unordered_set>
 #include <vector>
 
 namespace {
 
-using Less = IndexSort::LessThan;
+using namespace sortbatch;
 
-// Where each of a set of rows stands in an index: a vector sorted by row
-// address.
-struct RowPosition
+// The engine's view of a sorted index.
+struct IndexOrder
 {
-    const unsigned char *row;
-    int position;
-    bool operator<(const RowPosition &other) const { return std::less<const unsigned char *>()(row, other.row); }
+    const IndexSort *index;
+    int compare(const Record &a, const Record &b) const { return index->compare(a, b); }
+    bool accepts(const Record &record) const { return index->filter(record); }
+    void sort(std::vector<Record> &records) const
+    {
+        // Large batches sort on the worker pool too, as resort() does.
+        constexpr size_t ParallelSortFrom = 32768;
+        recordsort::stableSort({{records.data(), static_cast<int>(records.size())}}, IndexSort::LessThan{index},
+                               records.size() >= ParallelSortFrom);
+    }
 };
-
-// Where `row` stands among the at most `limit` handles from position `from`
-// on, or -1. A record sits in the run of its key, which starts at the lower
-// bound of the key: comparing row pointers there finds it without reading a
-// row, where walking the run would compare (and fetch) each one.
-constexpr int RowScan = 512;
-
-int scanForRow(const PartitionList<Record> &list, int from, const unsigned char *row, int limit)
-{
-    int position = from;
-    for (auto it = list.iteratorAt(from); it != list.end() && position - from < limit; ++it, ++position) {
-        if (it->rowPtr() == row)
-            return position;
-    }
-    return -1;
-}
-
-// Starts the rows of both probes that may follow the probe at mid of
-// [lo, hi) on their way, so that a search waits for one row per step less.
-inline void prefetchNextProbes(PartitionList<Record>::Reader &reader, int lo, int mid, int hi)
-{
-    if (hi - lo > 2) {
-        __builtin_prefetch(reader.at(lo + (mid - lo) / 2).rowPtr());
-        __builtin_prefetch(reader.at(mid + 1 + (hi - mid - 1) / 2).rowPtr());
-    }
-}
-
-// The first position in [lo, hi) whose element is above `record` (upper) or
-// not below it (lower), by binary search.
-int boundIn(const IndexSort &index, const PartitionList<Record> &list, const Record &record, int lo, int hi,
-            bool upper)
-{
-    PartitionList<Record>::Reader reader(list);
-    while (lo < hi) {
-        const int mid = lo + (hi - lo) / 2;
-        const Record &element = reader.at(mid);
-        prefetchNextProbes(reader, lo, mid, hi);
-        const int c = index.compare(element, record);
-        if (upper ? c <= 0 : c < 0)
-            lo = mid + 1;
-        else
-            hi = mid;
-    }
-    return lo;
-}
-
-int positionOf(const std::vector<RowPosition> &positions, const Record &record)
-{
-    const RowPosition key{record.rowPtr(), -1};
-    const auto found = std::lower_bound(positions.begin(), positions.end(), key);
-    return found != positions.end() && found->row == key.row ? found->position : -1;
-}
-
-// Batches with at least this many additions sort them on the worker pool.
-constexpr size_t ParallelSortFrom = 32768;
-
-// Binary searches of many keys over one list, advancing in lock step, one
-// probe each per round: the handles of a round are prefetched, then their
-// rows, then compared, so the cache misses of the searches overlap instead of
-// queueing. Each search makes exactly the probes it would make alone.
-// probe(g, mid, c, lo, hi) takes c = compare(element at mid, key g) and
-// narrows [lo, hi); searches end when lo reaches hi.
-template <typename KeyAt, typename Probe>
-void lockstepSearch(const IndexSort &index, const PartitionList<Record> &list, int count, KeyAt keyAt, int *lo,
-                    int *hi, Probe probe)
-{
-    constexpr int Group = 32;
-    for (int first = 0; first < count; first += Group) {
-        const int size = std::min(Group, count - first);
-        const Record *element[Group];
-        // One reader per search: its probes soon stay in one partition.
-        PartitionList<Record>::Reader readers[Group];
-        for (int g = 0; g < size; ++g)
-            readers[g] = PartitionList<Record>::Reader(list);
-        for (bool active = true; active;) {
-            for (int g = first; g < first + size; ++g) {
-                if (lo[g] < hi[g]) {
-                    element[g - first] = &readers[g - first].at(lo[g] + (hi[g] - lo[g]) / 2);
-                    __builtin_prefetch(element[g - first]);
-                }
-            }
-            for (int g = first; g < first + size; ++g) {
-                if (lo[g] < hi[g])
-                    __builtin_prefetch(element[g - first]->rowPtr());
-            }
-            active = false;
-            for (int g = first; g < first + size; ++g) {
-                if (lo[g] >= hi[g])
-                    continue;
-                const int mid = lo[g] + (hi[g] - lo[g]) / 2;
-                probe(g, mid, index.compare(*element[g - first], keyAt(g)), lo[g], hi[g]);
-                active = active || lo[g] < hi[g];
-            }
-        }
-    }
-}
 
 } // namespace
 
@@ -165,7 +74,7 @@ int IndexSort::searchEqual(const Record &key, int after, bool last) const
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
         const Record &element = reader.at(mid);
-        prefetchNextProbes(reader, lo, mid, hi);
+        prefetchNextProbes<Record>(reader, lo, mid, hi);
         const int c = compare(element, key);
         if (c == 0)
             found = mid;
@@ -190,12 +99,12 @@ int IndexSort::searchFull(const Record &key, int after) const
 
 int IndexSort::indexOfAdd(const Record &record) const
 {
-    return boundIn(*this, m_list, record, 0, m_list.count(), true);
+    return boundIn(IndexOrder{this}, m_list, record, 0, m_list.count(), true);
 }
 
 int IndexSort::indexOf(const Record &record) const
 {
-    const int lo = boundIn(*this, m_list, record, 0, m_list.count(), false);
+    const int lo = boundIn(IndexOrder{this}, m_list, record, 0, m_list.count(), false);
     const int scanned = scanForRow(m_list, lo, record.rowPtr(), RowScan);
     if (scanned != -1)
         return scanned;
@@ -253,120 +162,13 @@ void IndexSort::update(const Record &record, int, int, int position)
     m_list.insert(indexOfAdd(record), record);
 }
 
-namespace {
-
-// Finds where each record stands, by row: first in the run of its key
-// (the lower bounds of all the keys searched together), then, for those not
-// found there, in one linear pass over the whole index. A record further
-// than RowScan into its run is left to the linear pass, which finds all such
-// records in one sweep instead of one walk each (an arrival-order index is a
-// single run).
-std::vector<RowPosition> locate(const IndexSort &index, const PartitionList<Record> &list,
-                                const std::vector<const Record *> &records)
-{
-    std::vector<RowPosition> positions;
-    positions.reserve(records.size());
-    std::vector<RowPosition> missing;
-    const int n = list.count();
-    // A search costs some twenty probes, each reaching a scattered row,
-    // against a few nanoseconds for a step of the pass: for large batches
-    // one pass over everything is cheaper than a search per record.
-    const bool passOnly = static_cast<double>(records.size()) * std::log2(n + 1.0) * 10.0 >= n;
-    if (passOnly) {
-        for (const Record *record : records)
-            missing.push_back({record->rowPtr(), -1});
-    } else {
-        const int count = static_cast<int>(records.size());
-        std::vector<int> lo(records.size(), 0);
-        std::vector<int> hi(records.size(), n);
-        lockstepSearch(index, list, count, [&records](int r) -> const Record & { return *records[static_cast<size_t>(r)]; },
-                       lo.data(), hi.data(), [](int, int mid, int c, int &low, int &high) {
-                           if (c < 0)
-                               low = mid + 1;
-                           else
-                               high = mid;
-                       });
-        for (int r = 0; r < count; ++r) {
-            const unsigned char *row = records[static_cast<size_t>(r)]->rowPtr();
-            const int found = scanForRow(list, lo[static_cast<size_t>(r)], row, RowScan);
-            if (found != -1)
-                positions.push_back({row, found});
-            else
-                missing.push_back({row, -1});
-        }
-    }
-
-    if (!missing.empty()) {
-        // One pass over the whole index; each element's row is looked up in
-        // an open-addressing table of the rows still missing.
-        size_t capacity = 16;
-        while (capacity < 2 * missing.size())
-            capacity *= 2;
-        const size_t mask = capacity - 1;
-        std::vector<const unsigned char *> hashRows(capacity, nullptr);
-        std::vector<int> hashPosition(capacity, -1);
-        auto slotOf = [&](const unsigned char *row) {
-            quint64 x = reinterpret_cast<quintptr>(row);
-            x ^= x >> 33;
-            x *= 0xff51afd7ed558ccdULL;
-            x ^= x >> 33;
-            size_t slot = static_cast<size_t>(x) & mask;
-            while (hashRows[slot] && hashRows[slot] != row)
-                slot = (slot + 1) & mask;
-            return slot;
-        };
-        size_t left = 0;
-        for (const RowPosition &m : missing) {
-            const size_t slot = slotOf(m.row);
-            if (!hashRows[slot]) {
-                hashRows[slot] = m.row;
-                ++left;
-            }
-        }
-        // A bitmap of the rows' address bits, small enough to stay in the
-        // first-level cache, turns most elements away before the table.
-        constexpr size_t FilterBits = 1 << 16;
-        std::vector<quint64> filter(FilterBits / 64, 0);
-        auto filterBit = [](const unsigned char *row) {
-            return static_cast<size_t>((reinterpret_cast<quintptr>(row) >> 4) & (FilterBits - 1));
-        };
-        for (const RowPosition &m : missing)
-            filter[filterBit(m.row) >> 6] |= quint64(1) << (filterBit(m.row) & 63);
-        int start = 0;
-        list.forEachSegment([&](const Record *first, int count) {
-            if (left == 0)
-                return;
-            for (int e = 0; e < count; ++e) {
-                const unsigned char *row = first[e].rowPtr();
-                const size_t bit = filterBit(row);
-                if (!(filter[bit >> 6] >> (bit & 63) & 1))
-                    continue;
-                const size_t slot = slotOf(row);
-                if (hashRows[slot] && hashPosition[slot] == -1) {
-                    hashPosition[slot] = start + e;
-                    if (--left == 0)
-                        return;
-                }
-            }
-            start += count;
-        });
-        for (RowPosition &m : missing)
-            m.position = hashPosition[slotOf(m.row)];
-        positions.insert(positions.end(), missing.begin(), missing.end());
-    }
-    std::sort(positions.begin(), positions.end());
-    return positions;
-}
-
-} // namespace
-
 QMap<Record, int> IndexSort::indexOfs(QList<Record> records) const
 {
     std::vector<const Record *> pointers;
     pointers.reserve(static_cast<size_t>(records.size()));
     for (const Record &record : qAsConst(records))
         pointers.push_back(&record);
-    const std::vector<RowPosition> positions = locate(*this, m_list, pointers);
+    const std::vector<RowPosition> positions = locate(IndexOrder{this}, m_list, pointers);
     QMap<Record, int> result;
     for (const Record &record : qAsConst(records))
         result.insert(record, positionOf(positions, record));
@@ -383,7 +185,7 @@ QVector<int> IndexSort::searchMany(const QVector<Record> &keys) const
     std::vector<int> hi(static_cast<size_t>(keys.size()), n);
     // The probes of search(key, -1): an equal key is remembered and the
     // search goes on to the left for the first of the run.
-    lockstepSearch(*this, m_list, keys.size(), [&keys](int g) -> const Record & { return keys[g]; }, lo.data(),
+    lockstepSearch(IndexOrder{this}, m_list, keys.size(), [&keys](int g) -> const Record & { return keys[g]; }, lo.data(),
                    hi.data(), [&found](int g, int mid, int c, int &low, int &high) {
                        if (c == 0)
                            found[g] = mid;
@@ -436,200 +238,7 @@ void IndexSort::process(const QList<Record> &removed, const QList<Record> &updat
                         const QList<Record> &inserted)
 {
     [[maybe_unused]] const OrderChecked checked{this};
-    const int n = m_list.count();
-
-    // Where the removed and updated records stand now.
-    std::vector<const Record *> changed;
-    changed.reserve(static_cast<size_t>(removed.size() + updated.size()));
-    for (const Record &record : removed)
-        changed.push_back(&record);
-    for (const Record &record : updated)
-        changed.push_back(&record);
-    const std::vector<RowPosition> positions = locate(*this, m_list, changed);
-
-    // Positions to delete: those of the first passes, kept sorted, and the
-    // few that the re-check below adds.
-    std::vector<int> deletedFirst;
-    deletedFirst.reserve(changed.size());
-    for (const Record &record : removed) {
-        const int p = positionOf(positions, record);
-        if (p != -1)
-            deletedFirst.push_back(p);
-    }
-
-    // Updated records, checked against their neighbours as they stand at the
-    // start of the batch.
-    enum Action { Nothing, Add, Delete, Move, Stay };
-    std::vector<Action> actions(static_cast<size_t>(updated.size()), Nothing);
-    std::vector<int> updatedPositions(static_cast<size_t>(updated.size()), -1);
-    for (int u = 0; u < updated.size(); ++u)
-        updatedPositions[u] = positionOf(positions, updated[u]);
-    // The neighbours' rows are fetched a group ahead of their comparisons.
-    constexpr int Ahead = 32;
-    auto prefetchNeighbours = [&](int from) {
-        const int to = std::min(from + Ahead, updated.size());
-        for (int u = from; u < to; ++u) {
-            const int p = updatedPositions[u];
-            __builtin_prefetch(updated[u].rowPtr());
-            if (p > 0)
-                __builtin_prefetch(m_list.at(p - 1).rowPtr());
-            if (p != -1 && p + 1 < n)
-                __builtin_prefetch(m_list.at(p + 1).rowPtr());
-        }
-    };
-    prefetchNeighbours(0);
-    for (int u = 0; u < updated.size(); ++u) {
-        if (u % Ahead == 0)
-            prefetchNeighbours(u + Ahead);
-        const Record &record = updated[u];
-        const int p = updatedPositions[u];
-        const bool accepted = filter(record);
-        if (p == -1) {
-            actions[u] = accepted ? Add : Nothing;
-        } else if (!accepted) {
-            actions[u] = Delete;
-            deletedFirst.push_back(p);
-        } else if ((p > 0 && compare(record, m_list.at(p - 1)) < 0)
-                   || (p + 1 < n && compare(record, m_list.at(p + 1)) > 0)) {
-            actions[u] = Move;
-            deletedFirst.push_back(p);
-        } else {
-            actions[u] = Stay;
-        }
-    }
-    std::sort(deletedFirst.begin(), deletedFirst.end());
-    deletedFirst.erase(std::unique(deletedFirst.begin(), deletedFirst.end()), deletedFirst.end());
-    std::unordered_set<int> deletedLater;
-    auto isDeleted = [&](int p) {
-        return std::binary_search(deletedFirst.begin(), deletedFirst.end(), p)
-            || (!deletedLater.empty() && deletedLater.count(p));
-    };
-
-    // A staying record was checked against neighbours that may leave. Check
-    // it again against its nearest neighbours that stay, and move it too when
-    // it is out of order with them; that may in turn unsettle the records
-    // next to it.
-    struct Staying
-    {
-        int position;
-        int entry; // in `updated`
-        bool operator<(const Staying &o) const { return position < o.position; }
-    };
-    std::vector<Staying> staying; // by position; a row given twice has two entries
-    for (int u = 0; u < updated.size(); ++u) {
-        const int p = updatedPositions[u];
-        if (actions[u] == Stay && !isDeleted(p))
-            staying.push_back({p, u});
-    }
-    std::stable_sort(staying.begin(), staying.end());
-    auto stayingAt = [&](int p) {
-        return std::equal_range(staying.begin(), staying.end(), Staying{p, 0});
-    };
-    std::vector<int> work;
-    for (const Staying &s : staying) {
-        if ((work.empty() || work.back() != s.position) && (isDeleted(s.position - 1) || isDeleted(s.position + 1)))
-            work.push_back(s.position);
-    }
-    std::reverse(work.begin(), work.end()); // popped from the back: left to right
-    while (!work.empty()) {
-        const int p = work.back();
-        work.pop_back();
-        const auto here = stayingAt(p);
-        if (isDeleted(p) || here.first == here.second)
-            continue;
-        // The last entry of the row stands for it, as any would: they share it.
-        const Record &record = updated[(here.second - 1)->entry];
-        int left = p - 1;
-        while (left >= 0 && isDeleted(left))
-            --left;
-        int right = p + 1;
-        while (right < n && isDeleted(right))
-            ++right;
-        if ((left >= 0 && compare(record, m_list.at(left)) < 0)
-            || (right < n && compare(record, m_list.at(right)) > 0)) {
-            deletedLater.insert(p);
-            for (auto s = here.first; s != here.second; ++s)
-                actions[static_cast<size_t>(s->entry)] = Move;
-            if (left >= 0 && stayingAt(left).first != stayingAt(left).second)
-                work.push_back(left);
-            if (right < n && stayingAt(right).first != stayingAt(right).second)
-                work.push_back(right);
-        }
-    }
-
-    // Records to add, in arrival order: the inserted ones, then the updated
-    // ones that come (back) in.
-    std::vector<Record> additions;
-    for (const Record &record : inserted) {
-        if (filter(record))
-            additions.push_back(record);
-    }
-    for (int u = 0; u < updated.size(); ++u) {
-        if (actions[u] == Add || actions[u] == Move)
-            additions.push_back(updated[u]);
-    }
-
-    // One sweep deletes every range and compacts the partitions.
-    std::vector<int> sortedDeleted(deletedFirst);
-    sortedDeleted.insert(sortedDeleted.end(), deletedLater.begin(), deletedLater.end());
-    std::sort(sortedDeleted.begin(), sortedDeleted.end());
-    QVector<QPair<int, int>> ranges;
-    for (const int p : sortedDeleted) {
-        if (!ranges.isEmpty() && ranges.last().second == p)
-            ranges.last().second = p + 1;
-        else
-            ranges.append(qMakePair(p, p + 1));
-    }
-    m_list.removeRanges(ranges);
-
-    if (additions.empty())
-        return;
-    // Large batches sort on the worker pool too, as resort() does.
-    recordsort::stableSort({{additions.data(), static_cast<int>(additions.size())}}, LessThan{this},
-                           additions.size() >= ParallelSortFrom);
-
-    // Additions that share an insertion point go in together as one block;
-    // the search cursor only moves forward. The points are found in the list
-    // as it stands and then shifted by the blocks that go in before them.
-    // Every upper bound is searched at once over the list as it stands (it is
-    // in order: whatever was out of order has been taken out); as the
-    // additions are in order too, each bound is the search from the previous
-    // one on.
-    // The bounds of the first and the last addition frame all the others;
-    // when they agree (a batch appended at the end, as a load does), every
-    // addition shares that point and nothing more is searched.
-    const int count = m_list.count();
-    const int additionCount = static_cast<int>(additions.size());
-    const int firstBound = boundIn(*this, m_list, additions.front(), 0, count, true);
-    const int lastBound = boundIn(*this, m_list, additions.back(), firstBound, count, true);
-    std::vector<int> bound(additions.size(), firstBound);
-    if (lastBound != firstBound) {
-        std::vector<int> limit(additions.size(), lastBound);
-        lockstepSearch(*this, m_list, additionCount,
-                       [&additions](int a) -> const Record & { return additions[static_cast<size_t>(a)]; },
-                       bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
-                           if (c <= 0)
-                               low = mid + 1;
-                           else
-                               high = mid;
-                       });
-    }
-    std::vector<int> points;
-    std::vector<int> sizes;
-    int cursor = 0;
-    int before = 0;
-    for (size_t a = 0; a < additions.size(); ++a) {
-        const int lo = std::max(bound[a], cursor);
-        if (a == 0 || lo != cursor) {
-            if (!sizes.empty())
-                before += sizes.back();
-            points.push_back(lo + before);
-            sizes.push_back(0);
-        }
-        ++sizes.back();
-        cursor = lo;
-    }
-    m_list.insertBlocks(points.data(), sizes.data(), static_cast<int>(points.size()), additions.data());
+    apply(IndexOrder{this}, m_list, removed, updated, inserted);
 }
 
 void IndexSort::resort()
@@ -637,7 +246,7 @@ void IndexSort::resort()
     const int n = m_list.count();
     if (n == 0)
         return;
-    const Less less{this};
+    const LessThan less{this};
     if (n < 512) {
         recordsort::mergeSort(m_list.mutableBegin(), m_list.mutableEnd(), n, less);
         return;

@@ -127,7 +127,7 @@ void Record::remove() const
 
 Table::Table(const QString &name, const QString &title, QObject *parent)
     : QObject(parent)
-    , d_ptr(new TablePrivate(name, title))
+    , d_ptr(new TablePrivate(this, name, title))
 {
     d_ptr->masterIndex = new MasterIndexOrdered(this);
 }

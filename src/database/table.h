@@ -331,12 +331,6 @@ protected:
     }
 
 private:
-    void openBatch();
-    void closeBatch();
-    // Every level of the lock is taken and let go of here: the owner and
-    // depth are kept, the lock order checked, the unlock hooks run.
-    void acquire();
-    void release();
     // The range the ordinary indexes hear: a change of a join key refills
     // the joined columns before they hear of it.
     void widenByJoins(int &firstColumn, int &lastColumn) const;

@@ -11,25 +11,27 @@
 //
 
 #include "columndef.h"
+#include "tablelock_p.h"
 
-#include <QtCore/QAtomicInt>
-#include <QtCore/QAtomicPointer>
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QMap>
 #include <atomic>
-#include <mutex>
 #include <vector>
 #include <QtCore/QString>
 
 class Index;
 class MasterIndex;
+class Table;
 class TableJoin;
 
 class TablePrivate
 {
 public:
-    TablePrivate(const QString &name, const QString &title) : name(name), title(title) {}
+    TablePrivate(Table *table, const QString &name, const QString &title)
+        : name(name), title(title), hearing{table, this}, lock(table, &hearing)
+    {
+    }
 
     // Records `name` under the number the next column will get.
     void cacheColumn(const QString &name);
@@ -53,20 +55,6 @@ public:
     // While above 0, addColumn leaves the null-bit layout of the earlier
     // columns to be worked out once at the end (rowless tables only).
     int layoutDeferred = 0;
-    // A standard mutex rather than Qt's: the same recursive lock, and one
-    // that the thread sanitizer sees.
-    std::recursive_mutex mutex;
-    // Readers (TableLocker) blocked on the lock; a batch about to open lets
-    // them in first.
-    std::atomic<int> lockWaiters{0};
-    QAtomicInt updateDepth = 0;
-    // The thread that holds the lock for a batch (an outermost beginUpdate
-    // or an exclusive batch), null between batches. Other threads only ever
-    // compare it with their own id.
-    QAtomicPointer<void> batchOwner = nullptr;
-    // A TableUpdater opened inside this thread's exclusive batch: it only
-    // locks, and its end only unlocks.
-    bool updateInsideExclusive = false;
     // Set while the row layout changes (addColumn, which reallocates the
     // rows) or the rows are freed with the table (the destructor): a holder
     // of raw row pointers, such as a model, must stop reading them rather
@@ -74,25 +62,20 @@ public:
     bool rowsGoing = false;
     bool destroying = false;
 
-    // The thread that holds `mutex` and how many levels it holds; only the
-    // holder writes them. Others only compare the owner with their own id.
-    std::atomic<void *> lockOwner{nullptr};
-    int lockDepth = 0;
-    bool heldByCurrentThread() const;
-
-    // Run once each on the thread that lets go of the lock's last level,
-    // after it has: work that must take other tables' locks in their order
-    // (a join refilling its main table after a change under a bare lock).
-    // Added and taken under the lock.
-    struct UnlockHook
+    // The indexes hear a batch open and close; dependents of other tables
+    // hear it around the lock.
+    struct Hearing final : TableLock::Listener
     {
-        void (*run)(void *);
-        void *cookie;
-    };
-    std::vector<UnlockHook> unlockHooks;
-    // Adds the hook unless one with this cookie is waiting already.
-    void runAfterUnlock(void (*run)(void *), void *cookie);
-    void dropUnlockHooks(void *cookie);
+        Table *table;
+        TablePrivate *d;
+        Hearing(Table *table, TablePrivate *d) : table(table), d(d) {}
+        void batchOpening() override;
+        void batchOpened() override;
+        void batchClosing() override;
+        void batchClosed() override;
+    } hearing;
+    TableLock lock;
+
     // The joins whose main table this is: an update of a join key reaches
     // the indexes as a change of the joined columns too.
     QList<TableJoin *> joins;

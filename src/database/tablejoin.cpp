@@ -118,8 +118,8 @@ void TableJoinPrivate::changed(TableJoinLink &link, const unsigned char *leaving
     if (link.batchDepth.load() > 0 || !link.table || !main)
         return;
     TablePrivate *dependent = TableJoin::tablePrivate(link.table);
-    if (dependent->heldByCurrentThread() && !TableJoin::tablePrivate(main)->heldByCurrentThread()) {
-        dependent->runAfterUnlock(&TableJoinPrivate::flushAfterUnlock, &link);
+    if (dependent->lock.heldByCurrentThread() && !TableJoin::tablePrivate(main)->lock.heldByCurrentThread()) {
+        dependent->lock.runAfterUnlock(&TableJoinPrivate::flushAfterUnlock, &link);
         return;
     }
     flush(link, leaving);
@@ -230,6 +230,88 @@ void TableJoinPrivate::flush(TableJoinLink &link, const unsigned char *leaving)
     }
 }
 
+#ifdef DATABASE_CHECKS
+void TableJoinPrivate::touched(Table *table)
+{
+    if (table && TableJoin::tablePrivate(table)->lock.heldByCurrentThread())
+        TableJoin::tablePrivate(table)->lock.runAfterUnlock(&TableJoinPrivate::verifyAfterUnlock, this);
+}
+
+void TableJoinPrivate::verifyAfterUnlock(void *join)
+{
+    static_cast<TableJoinPrivate *>(join)->verify();
+}
+
+namespace {
+
+// Past this many rows a scan per unlock would make checked builds crawl.
+constexpr int VerifiedRows = 20000;
+
+} // namespace
+
+void TableJoinPrivate::verify()
+{
+    if (!main)
+        return;
+    // A side whose table this thread still holds may have changes not
+    // reported yet: it waits for its own unlock. The main table may not be
+    // taken after a dependent one.
+    // An index taken off its table by a rebuilder hears nothing meanwhile.
+    const auto beingRebuilt = [](Table *table) { return TableJoin::tablePrivate(table)->rebuilders.load() > 0; };
+    const bool mainHeld = TableJoin::tablePrivate(main)->lock.heldByCurrentThread();
+    for (const auto &link : links) {
+        if (!mainHeld && link->table && TableJoin::tablePrivate(link->table)->lock.heldByCurrentThread())
+            return;
+    }
+    TableLocker mainLocker(main);
+    if (beingRebuilt(main) || main->rowCount() > VerifiedRows)
+        return;
+    for (const auto &link : links) {
+        if (!link->table)
+            continue;
+        const bool dependentHeld = TableJoin::tablePrivate(link->table)->lock.heldByCurrentThread();
+        TableLocker dependentLocker(link->table);
+        if (beingRebuilt(link->table) || link->table->rowCount() > VerifiedRows)
+            continue;
+        const QByteArray mainName = main->name().toLocal8Bit();
+        const QByteArray dependentName = link->table->name().toLocal8Bit();
+        const char *const table = mainName.constData();
+        const char *const dependent = dependentName.constData();
+        if (!mainHeld) {
+            int filed = 0;
+            for (const Record &row : *main->masterIndex()) {
+                const auto slot = link->mainSlots.constFind(row.rowPtr());
+                const quint64 key = probeKey(*link, row);
+                const auto group = link->mainByKey.constFind(key);
+                if (slot == link->mainSlots.constEnd() || slot->key != key || group == link->mainByKey.constEnd()
+                    || slot->at >= group->size() || group->at(slot->at).rowPtr() != row.rowPtr())
+                    qFatal("TableJoin of '%s' and '%s': main row %d is not filed under its key (was a key changed "
+                           "without updated()?)",
+                           table, dependent, filed);
+                ++filed;
+            }
+            if (filed != link->mainSlots.size())
+                qFatal("TableJoin of '%s' and '%s': %d main rows filed, the table has %d", table, dependent,
+                       link->mainSlots.size(), filed);
+        }
+        if (!dependentHeld) {
+            int known = 0;
+            for (const Record &row : *link->table->masterIndex()) {
+                const auto key = link->depKeys.constFind(row.rowPtr());
+                if (key == link->depKeys.constEnd() || *key != keyHash(row, link->depKey))
+                    qFatal("TableJoin of '%s' and '%s': the key of dependent row %d is not the one heard (was a key "
+                           "changed without updated()?)",
+                           table, dependent, known);
+                ++known;
+            }
+            if (known != link->depKeys.size())
+                qFatal("TableJoin of '%s' and '%s': %d dependent rows known, the table has %d", table, dependent,
+                       link->depKeys.size(), known);
+        }
+    }
+}
+#endif
+
 // --- TableJoin -----------------------------------------------------------------
 
 TableJoin::TableJoin(MasterIndex *mainIndex)
@@ -257,7 +339,8 @@ TableJoin::~TableJoin()
         if (link->table) {
             LockOrder::removeJoin(d->main, link->table);
             TableLocker locker(link->table);
-            tablePrivate(link->table)->dropUnlockHooks(link.get());
+            tablePrivate(link->table)->lock.dropUnlockHooks(link.get());
+            tablePrivate(link->table)->lock.dropUnlockHooks(d.data());
             link->table->removeDependentIndex(link->index);
             link->table->removeIndex(link->index);
         }
@@ -265,6 +348,7 @@ TableJoin::~TableJoin()
     }
     if (d->main) {
         TableLocker locker(d->main);
+        tablePrivate(d->main)->lock.dropUnlockHooks(d.data());
         tablePrivate(d->main)->joins.removeOne(this);
         d->main->removeIndex(d->mainIndex);
     }

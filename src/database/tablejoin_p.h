@@ -195,6 +195,18 @@ public:
     // The join's filled columns that a change of `first`..`last` may change
     // as well: those of every dependent table whose key is in the range.
     void widen(int &first, int &last) const;
+
+    // In builds with DATABASE_CHECKS, a change heard from `table` under its
+    // lock has the maps compared with a scan of the tables once the thread
+    // lets go of that lock: by then it has reported every change it made
+    // there, whatever batches and bare locks came in between.
+#ifdef DATABASE_CHECKS
+    void touched(Table *table);
+    static void verifyAfterUnlock(void *join);
+    void verify();
+#else
+    void touched(Table *) {}
+#endif
 };
 
 #endif // DATABASE_TABLEJOIN_P_H

@@ -38,6 +38,7 @@ void TableJoinMain::build()
 
 void TableJoinMain::add(const Record &record)
 {
+    m_join->d->touched(m_join->d->main);
     for (const auto &link : m_join->d->links)
         TableJoinPrivate::join(*link, record);
 }
@@ -56,6 +57,7 @@ void TableJoinMain::process(const QList<Record> &removed, const QList<Record> &u
 
 void TableJoinMain::remove(const Record &record, int)
 {
+    m_join->d->touched(m_join->d->main);
     for (const auto &link : m_join->d->links)
         TableJoinPrivate::unfile(*link, record.rowPtr());
 }
@@ -75,6 +77,7 @@ void TableJoinMain::update(const Record &record, int firstColumn, int lastColumn
 {
     if (m_join->d->refreshing)
         return;
+    m_join->d->touched(m_join->d->main);
     for (const auto &link : m_join->d->links) {
         bool keyChanged = !knownRange(firstColumn, lastColumn) || !link->mainSlots.contains(record.rowPtr());
         for (int i = 0; !keyChanged && i < link->mainKey.size(); ++i) {
@@ -106,6 +109,7 @@ Table *TableJoinDep::dependentTable() const
 
 void TableJoinDep::clear()
 {
+    m_join->d->touched(m_link->table);
     m_link->depKeys.clear();
     m_link->pending.clear();
     m_link->refreshAll = false;
@@ -128,6 +132,7 @@ void TableJoinDep::build()
 
 void TableJoinDep::add(const Record &record)
 {
+    m_join->d->touched(m_link->table);
     const quint64 key = keyHash(record, m_link->depKey);
     m_link->depKeys.insert(record.rowPtr(), key);
     m_link->pending.push_back(key);
@@ -136,6 +141,7 @@ void TableJoinDep::add(const Record &record)
 
 void TableJoinDep::remove(const Record &record, int)
 {
+    m_join->d->touched(m_link->table);
     const auto known = m_link->depKeys.find(record.rowPtr());
     if (known != m_link->depKeys.end()) {
         m_link->pending.push_back(*known);
@@ -183,6 +189,7 @@ void TableJoinDep::update(const Record &record, int firstColumn, int lastColumn,
         if (!relevant)
             return;
     }
+    m_join->d->touched(m_link->table);
     const quint64 key = keyHash(record, m_link->depKey);
     const auto known = m_link->depKeys.find(record.rowPtr());
     if (known != m_link->depKeys.end() && *known != key)

@@ -14,6 +14,7 @@
 #include "tablemodel.h"
 #include "tablemodelplan_p.h"
 
+#include <QtCore/QEvent>
 #include <QtCore/QBasicTimer>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QScopeGuard>
@@ -26,7 +27,6 @@
 
 class IndexList;
 class IndexVector;
-struct TableModelLink;
 
 // What the table told the model since its last update. Guarded by the
 // table's lock: written by the writer's thread, taken by the model's.
@@ -93,10 +93,20 @@ private:
     TableModelPrivate *m_model;
 };
 
+// What the source-index watcher needs after the model is gone: the model,
+// cleared under the table's lock by the model's destructor.
+struct TableModelLink
+{
+    TableModelPrivate *model;
+};
+
 class TableModelPrivate
 {
 public:
     explicit TableModelPrivate(TableModel *q) : q(q), listener(this) {}
+
+    // Posted by the listener, for the model to update on its own thread.
+    static const QEvent::Type UpdateEvent;
 
     void attach(Table *table, IndexList *list, IndexVector *vector, const QStringList &columns);
     void resolveColumns();

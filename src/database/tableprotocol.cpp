@@ -13,49 +13,45 @@
 #include <chrono>
 #include <thread>
 
-// The batch and lock protocol: one recursive mutex per table, batches that
-// nest on the thread that holds them, and the bookkeeping (owner, depth,
-// unlock hooks, lock order) that joins and models rely on. The contract is
-// in table.h; doc/architecture.md says how joins and models use it.
+// The batch and lock protocol (tablelock_p.h), and what a table's batches
+// tell its indexes.
 
-void Table::beginUpdate()
+void TableLock::beginUpdate()
 {
-    Q_D(Table);
-    if (d->updateDepth.fetchAndAddOrdered(1) > 0) {
+    if (m_updateDepth.fetchAndAddOrdered(1) > 0) {
         // Batches nest on the thread that holds them; another thread that
         // counts itself in here would change the table unlocked.
-        Q_ASSERT_X(d->batchOwner.loadAcquire() == nullptr || d->batchOwner.loadAcquire() == QThread::currentThreadId(),
+        Q_ASSERT_X(m_batchOwner.loadAcquire() == nullptr || m_batchOwner.loadAcquire() == QThread::currentThreadId(),
                    "Table::beginUpdate",
-                   qPrintable(QStringLiteral("a batch of table '%1' is open on another thread").arg(d->name)));
+                   qPrintable(QStringLiteral("a batch of table '%1' is open on another thread")
+                                  .arg(m_table ? m_table->name() : QString())));
         return;
     }
-    if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
+    if (m_batchOwner.loadAcquire() == QThread::currentThreadId()) {
         // Inside this thread's exclusive batch: the indexes have heard its
         // beginning already.
         acquire();
-        d->updateInsideExclusive = true;
+        m_updateInsideExclusive = true;
         return;
     }
     openBatch();
 }
 
-void Table::endUpdate()
+void TableLock::endUpdate()
 {
-    Q_D(Table);
-    if (d->updateDepth.fetchAndSubOrdered(1) - 1 > 0)
+    if (m_updateDepth.fetchAndSubOrdered(1) - 1 > 0)
         return;
-    if (d->updateInsideExclusive) {
-        d->updateInsideExclusive = false;
+    if (m_updateInsideExclusive) {
+        m_updateInsideExclusive = false;
         release();
         return;
     }
     closeBatch();
 }
 
-bool Table::beginExclusiveUpdate()
+bool TableLock::beginExclusiveUpdate()
 {
-    Q_D(Table);
-    if (d->batchOwner.loadAcquire() == QThread::currentThreadId()) {
+    if (batchOpenHere()) {
         acquire();
         return false;
     }
@@ -63,7 +59,7 @@ bool Table::beginExclusiveUpdate()
     return true;
 }
 
-void Table::endExclusiveUpdate(bool opened)
+void TableLock::endExclusiveUpdate(bool opened)
 {
     if (opened)
         closeBatch();
@@ -71,98 +67,143 @@ void Table::endExclusiveUpdate(bool opened)
         release();
 }
 
-void Table::openBatch()
+void TableLock::openBatch()
 {
-    Q_D(Table);
-    const QList<Index *> dependents = d->dependentIndexes;
-    for (Index *index : dependents)
-        index->dependentBeginUpdate(this);
+    m_listener->batchOpening();
     // A writer that opens batches back to back would otherwise take the lock
     // again before a woken reader (a model on the GUI thread) gets it: let a
     // waiting reader in first. Bounded, since this thread may hold the lock
     // through a TableLocker of its own, and the reader would never get it.
-    if (d->lockWaiters.load(std::memory_order_acquire) > 0) {
+    if (m_lockWaiters.load(std::memory_order_acquire) > 0) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
-        while (d->lockWaiters.load(std::memory_order_acquire) > 0 && std::chrono::steady_clock::now() < deadline)
+        while (m_lockWaiters.load(std::memory_order_acquire) > 0 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::yield();
     }
     acquire();
-    d->batchOwner.storeRelease(QThread::currentThreadId());
+    m_batchOwner.storeRelease(QThread::currentThreadId());
+    m_listener->batchOpened();
+}
+
+void TableLock::closeBatch()
+{
+    m_listener->batchClosing();
+    m_batchOwner.storeRelease(nullptr);
+    release();
+    m_listener->batchClosed();
+}
+
+void TableLock::acquire()
+{
+    // Checked before blocking: a wrong order is reported, not deadlocked on.
+    if (m_table)
+        LockOrder::acquired(m_table);
+    if (!m_mutex.try_lock()) {
+        m_lockWaiters.fetch_add(1, std::memory_order_acq_rel);
+        m_mutex.lock();
+        m_lockWaiters.fetch_sub(1, std::memory_order_acq_rel);
+    }
+    if (m_lockDepth++ == 0)
+        m_lockOwner.store(QThread::currentThreadId(), std::memory_order_release);
+}
+
+void TableLock::release()
+{
+    std::vector<UnlockHook> hooks;
+    if (--m_lockDepth == 0) {
+        m_lockOwner.store(nullptr, std::memory_order_release);
+        hooks.swap(m_unlockHooks);
+    }
+    m_mutex.unlock();
+    if (m_table)
+        LockOrder::released(m_table);
+    for (const UnlockHook &hook : hooks)
+        hook.run(hook.cookie);
+}
+
+bool TableLock::heldByCurrentThread() const
+{
+    return m_lockOwner.load(std::memory_order_acquire) == QThread::currentThreadId();
+}
+
+bool TableLock::batchOpenHere() const
+{
+    return m_batchOwner.loadAcquire() == QThread::currentThreadId();
+}
+
+void TableLock::runAfterUnlock(void (*run)(void *), void *cookie)
+{
+    for (const UnlockHook &hook : m_unlockHooks) {
+        if (hook.cookie == cookie)
+            return;
+    }
+    m_unlockHooks.push_back({run, cookie});
+}
+
+void TableLock::dropUnlockHooks(void *cookie)
+{
+    m_unlockHooks.erase(std::remove_if(m_unlockHooks.begin(), m_unlockHooks.end(),
+                                       [cookie](const UnlockHook &hook) { return hook.cookie == cookie; }),
+                        m_unlockHooks.end());
+}
+
+// --- The table's side: who hears a batch ------------------------------------
+
+void TablePrivate::Hearing::batchOpening()
+{
+    const QList<Index *> dependents = d->dependentIndexes;
+    for (Index *index : dependents)
+        index->dependentBeginUpdate(table);
+}
+
+void TablePrivate::Hearing::batchOpened()
+{
     d->masterIndex->beginUpdate();
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->beginUpdate();
 }
 
-void Table::closeBatch()
+void TablePrivate::Hearing::batchClosing()
 {
-    Q_D(Table);
     // The master index hears beginUpdate but never endUpdate.
     const QList<Index *> indexes = d->indexes;
     for (Index *index : indexes)
         index->endUpdate();
-    d->batchOwner.storeRelease(nullptr);
-    release();
+}
+
+void TablePrivate::Hearing::batchClosed()
+{
     const QList<Index *> dependents = d->dependentIndexes;
     for (Index *index : dependents)
-        index->dependentEndUpdate(this);
+        index->dependentEndUpdate(table);
+}
+
+void Table::beginUpdate()
+{
+    d_func()->lock.beginUpdate();
+}
+
+void Table::endUpdate()
+{
+    d_func()->lock.endUpdate();
+}
+
+bool Table::beginExclusiveUpdate()
+{
+    return d_func()->lock.beginExclusiveUpdate();
+}
+
+void Table::endExclusiveUpdate(bool opened)
+{
+    d_func()->lock.endExclusiveUpdate(opened);
 }
 
 void Table::lock()
 {
-    acquire();
+    d_func()->lock.acquire();
 }
 
 void Table::unlock()
 {
-    release();
-}
-
-void Table::acquire()
-{
-    Q_D(Table);
-    // Checked before blocking: a wrong order is reported, not deadlocked on.
-    LockOrder::acquired(this);
-    if (!d->mutex.try_lock()) {
-        d->lockWaiters.fetch_add(1, std::memory_order_acq_rel);
-        d->mutex.lock();
-        d->lockWaiters.fetch_sub(1, std::memory_order_acq_rel);
-    }
-    if (d->lockDepth++ == 0)
-        d->lockOwner.store(QThread::currentThreadId(), std::memory_order_release);
-}
-
-void Table::release()
-{
-    Q_D(Table);
-    std::vector<TablePrivate::UnlockHook> hooks;
-    if (--d->lockDepth == 0) {
-        d->lockOwner.store(nullptr, std::memory_order_release);
-        hooks.swap(d->unlockHooks);
-    }
-    d->mutex.unlock();
-    LockOrder::released(this);
-    for (const TablePrivate::UnlockHook &hook : hooks)
-        hook.run(hook.cookie);
-}
-
-bool TablePrivate::heldByCurrentThread() const
-{
-    return lockOwner.load(std::memory_order_acquire) == QThread::currentThreadId();
-}
-
-void TablePrivate::runAfterUnlock(void (*run)(void *), void *cookie)
-{
-    for (const UnlockHook &hook : unlockHooks) {
-        if (hook.cookie == cookie)
-            return;
-    }
-    unlockHooks.push_back({run, cookie});
-}
-
-void TablePrivate::dropUnlockHooks(void *cookie)
-{
-    unlockHooks.erase(std::remove_if(unlockHooks.begin(), unlockHooks.end(),
-                                     [cookie](const UnlockHook &hook) { return hook.cookie == cookie; }),
-                      unlockHooks.end());
+    d_func()->lock.release();
 }

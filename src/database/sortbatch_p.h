@@ -1,0 +1,443 @@
+#ifndef DATABASE_SORTBATCH_P_H
+#define DATABASE_SORTBATCH_P_H
+
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the database API. It exists for the convenience
+// of the library's own sources and may change from version to version
+// without notice.
+//
+
+#include "partitionlist.h"
+
+#include <QtCore/QList>
+
+#include <algorithm>
+#include <cmath>
+#include <unordered_set>
+#include <vector>
+
+// The sorted index's search and batch engine, over any element and order so
+// that it can be tested on plain values. It asks of an element
+//     const unsigned char *rowPtr() const   its identity (a row's address),
+// and of an order
+//     int compare(const T &a, const T &b) const   <0, 0, >0;
+//     bool accepts(const T &element) const        the index's filter;
+//     void sort(std::vector<T> &elements) const   a stable sort by compare.
+namespace sortbatch {
+
+// Where each of a set of rows stands in an index: a vector sorted by row
+// address.
+struct RowPosition
+{
+    const unsigned char *row;
+    int position;
+    bool operator<(const RowPosition &other) const { return std::less<const unsigned char *>()(row, other.row); }
+};
+
+// Where `row` stands among the at most `limit` handles from position `from`
+// on, or -1. A record sits in the run of its key, which starts at the lower
+// bound of the key: comparing row pointers there finds it without reading a
+// row, where walking the run would compare (and fetch) each one.
+constexpr int RowScan = 512;
+
+template <typename T>
+int scanForRow(const PartitionList<T> &list, int from, const unsigned char *row, int limit)
+{
+    int position = from;
+    for (auto it = list.iteratorAt(from); it != list.end() && position - from < limit; ++it, ++position) {
+        if (it->rowPtr() == row)
+            return position;
+    }
+    return -1;
+}
+
+// Starts the rows of both probes that may follow the probe at mid of
+// [lo, hi) on their way, so that a search waits for one row per step less.
+template <typename T>
+inline void prefetchNextProbes(typename PartitionList<T>::Reader &reader, int lo, int mid, int hi)
+{
+    if (hi - lo > 2) {
+        __builtin_prefetch(reader.at(lo + (mid - lo) / 2).rowPtr());
+        __builtin_prefetch(reader.at(mid + 1 + (hi - mid - 1) / 2).rowPtr());
+    }
+}
+
+// The first position in [lo, hi) whose element is above `record` (upper) or
+// not below it (lower), by binary search.
+template <typename T, typename Order>
+int boundIn(const Order &order, const PartitionList<T> &list, const T &element, int lo, int hi, bool upper)
+{
+    typename PartitionList<T>::Reader reader(list);
+    while (lo < hi) {
+        const int mid = lo + (hi - lo) / 2;
+        const T &probe = reader.at(mid);
+        prefetchNextProbes<T>(reader, lo, mid, hi);
+        const int c = order.compare(probe, element);
+        if (upper ? c <= 0 : c < 0)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
+template <typename T>
+int positionOf(const std::vector<RowPosition> &positions, const T &element)
+{
+    const RowPosition key{element.rowPtr(), -1};
+    const auto found = std::lower_bound(positions.begin(), positions.end(), key);
+    return found != positions.end() && found->row == key.row ? found->position : -1;
+}
+
+// Binary searches of many keys over one list, advancing in lock step, one
+// probe each per round: the handles of a round are prefetched, then their
+// rows, then compared, so the cache misses of the searches overlap instead of
+// queueing. Each search makes exactly the probes it would make alone.
+// probe(g, mid, c, lo, hi) takes c = compare(element at mid, key g) and
+// narrows [lo, hi); searches end when lo reaches hi.
+template <typename T, typename Order, typename KeyAt, typename Probe>
+void lockstepSearch(const Order &order, const PartitionList<T> &list, int count, KeyAt keyAt, int *lo, int *hi,
+                    Probe probe)
+{
+    constexpr int Group = 32;
+    for (int first = 0; first < count; first += Group) {
+        const int size = std::min(Group, count - first);
+        const T *element[Group];
+        // One reader per search: its probes soon stay in one partition.
+        typename PartitionList<T>::Reader readers[Group];
+        for (int g = 0; g < size; ++g)
+            readers[g] = typename PartitionList<T>::Reader(list);
+        for (bool active = true; active;) {
+            for (int g = first; g < first + size; ++g) {
+                if (lo[g] < hi[g]) {
+                    element[g - first] = &readers[g - first].at(lo[g] + (hi[g] - lo[g]) / 2);
+                    __builtin_prefetch(element[g - first]);
+                }
+            }
+            for (int g = first; g < first + size; ++g) {
+                if (lo[g] < hi[g])
+                    __builtin_prefetch(element[g - first]->rowPtr());
+            }
+            active = false;
+            for (int g = first; g < first + size; ++g) {
+                if (lo[g] >= hi[g])
+                    continue;
+                const int mid = lo[g] + (hi[g] - lo[g]) / 2;
+                probe(g, mid, order.compare(*element[g - first], keyAt(g)), lo[g], hi[g]);
+                active = active || lo[g] < hi[g];
+            }
+        }
+    }
+}
+
+// Finds where each record stands, by row: first in the run of its key
+// (the lower bounds of all the keys searched together), then, for those not
+// found there, in one linear pass over the whole index. A record further
+// than RowScan into its run is left to the linear pass, which finds all such
+// records in one sweep instead of one walk each (an arrival-order index is a
+// single run).
+template <typename T, typename Order>
+std::vector<RowPosition> locate(const Order &order, const PartitionList<T> &list, const std::vector<const T *> &records)
+{
+    std::vector<RowPosition> positions;
+    positions.reserve(records.size());
+    std::vector<RowPosition> missing;
+    const int n = list.count();
+    // A search costs some twenty probes, each reaching a scattered row,
+    // against a few nanoseconds for a step of the pass: for large batches
+    // one pass over everything is cheaper than a search per record.
+    const bool passOnly = static_cast<double>(records.size()) * std::log2(n + 1.0) * 10.0 >= n;
+    if (passOnly) {
+        for (const T *record : records)
+            missing.push_back({record->rowPtr(), -1});
+    } else {
+        const int count = static_cast<int>(records.size());
+        std::vector<int> lo(records.size(), 0);
+        std::vector<int> hi(records.size(), n);
+        lockstepSearch(order, list, count, [&records](int r) -> const T & { return *records[static_cast<size_t>(r)]; },
+                       lo.data(), hi.data(), [](int, int mid, int c, int &low, int &high) {
+                           if (c < 0)
+                               low = mid + 1;
+                           else
+                               high = mid;
+                       });
+        for (int r = 0; r < count; ++r) {
+            const unsigned char *row = records[static_cast<size_t>(r)]->rowPtr();
+            const int found = scanForRow(list, lo[static_cast<size_t>(r)], row, RowScan);
+            if (found != -1)
+                positions.push_back({row, found});
+            else
+                missing.push_back({row, -1});
+        }
+    }
+
+    if (!missing.empty()) {
+        // One pass over the whole index; each element's row is looked up in
+        // an open-addressing table of the rows still missing.
+        size_t capacity = 16;
+        while (capacity < 2 * missing.size())
+            capacity *= 2;
+        const size_t mask = capacity - 1;
+        std::vector<const unsigned char *> hashRows(capacity, nullptr);
+        std::vector<int> hashPosition(capacity, -1);
+        auto slotOf = [&](const unsigned char *row) {
+            quint64 x = reinterpret_cast<quintptr>(row);
+            x ^= x >> 33;
+            x *= 0xff51afd7ed558ccdULL;
+            x ^= x >> 33;
+            size_t slot = static_cast<size_t>(x) & mask;
+            while (hashRows[slot] && hashRows[slot] != row)
+                slot = (slot + 1) & mask;
+            return slot;
+        };
+        size_t left = 0;
+        for (const RowPosition &m : missing) {
+            const size_t slot = slotOf(m.row);
+            if (!hashRows[slot]) {
+                hashRows[slot] = m.row;
+                ++left;
+            }
+        }
+        // A bitmap of the rows' address bits, small enough to stay in the
+        // first-level cache, turns most elements away before the table.
+        constexpr size_t FilterBits = 1 << 16;
+        std::vector<quint64> filter(FilterBits / 64, 0);
+        auto filterBit = [](const unsigned char *row) {
+            return static_cast<size_t>((reinterpret_cast<quintptr>(row) >> 4) & (FilterBits - 1));
+        };
+        for (const RowPosition &m : missing)
+            filter[filterBit(m.row) >> 6] |= quint64(1) << (filterBit(m.row) & 63);
+        int start = 0;
+        list.forEachSegment([&](const T *first, int count) {
+            if (left == 0)
+                return;
+            for (int e = 0; e < count; ++e) {
+                const unsigned char *row = first[e].rowPtr();
+                const size_t bit = filterBit(row);
+                if (!(filter[bit >> 6] >> (bit & 63) & 1))
+                    continue;
+                const size_t slot = slotOf(row);
+                if (hashRows[slot] && hashPosition[slot] == -1) {
+                    hashPosition[slot] = start + e;
+                    if (--left == 0)
+                        return;
+                }
+            }
+            start += count;
+        });
+        for (RowPosition &m : missing)
+            m.position = hashPosition[slotOf(m.row)];
+        positions.insert(positions.end(), missing.begin(), missing.end());
+    }
+    std::sort(positions.begin(), positions.end());
+    return positions;
+}
+
+// Applies a batch to a sorted list: removed elements go, updated ones stay
+// where they still fit between their neighbours and move (or go, or come)
+// otherwise, inserted ones come in; additions go after every equal element
+// already there, in arrival order (inserted first, then updated).
+template <typename T, typename Order>
+void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, const QList<T> &updated,
+           const QList<T> &inserted)
+{
+    const int n = list.count();
+
+    // Where the removed and updated records stand now.
+    std::vector<const T *> changed;
+    changed.reserve(static_cast<size_t>(removed.size() + updated.size()));
+    for (const T &record : removed)
+        changed.push_back(&record);
+    for (const T &record : updated)
+        changed.push_back(&record);
+    const std::vector<RowPosition> positions = locate(order, list, changed);
+
+    // Positions to delete: those of the first passes, kept sorted, and the
+    // few that the re-check below adds.
+    std::vector<int> deletedFirst;
+    deletedFirst.reserve(changed.size());
+    for (const T &record : removed) {
+        const int p = positionOf(positions, record);
+        if (p != -1)
+            deletedFirst.push_back(p);
+    }
+
+    // Updated records, checked against their neighbours as they stand at the
+    // start of the batch.
+    enum Action { Nothing, Add, Delete, Move, Stay };
+    std::vector<Action> actions(static_cast<size_t>(updated.size()), Nothing);
+    std::vector<int> updatedPositions(static_cast<size_t>(updated.size()), -1);
+    for (int u = 0; u < updated.size(); ++u)
+        updatedPositions[u] = positionOf(positions, updated[u]);
+    // The neighbours' rows are fetched a group ahead of their comparisons.
+    constexpr int Ahead = 32;
+    auto prefetchNeighbours = [&](int from) {
+        const int to = std::min(from + Ahead, updated.size());
+        for (int u = from; u < to; ++u) {
+            const int p = updatedPositions[u];
+            __builtin_prefetch(updated[u].rowPtr());
+            if (p > 0)
+                __builtin_prefetch(list.at(p - 1).rowPtr());
+            if (p != -1 && p + 1 < n)
+                __builtin_prefetch(list.at(p + 1).rowPtr());
+        }
+    };
+    prefetchNeighbours(0);
+    for (int u = 0; u < updated.size(); ++u) {
+        if (u % Ahead == 0)
+            prefetchNeighbours(u + Ahead);
+        const T &record = updated[u];
+        const int p = updatedPositions[u];
+        const bool accepted = order.accepts(record);
+        if (p == -1) {
+            actions[u] = accepted ? Add : Nothing;
+        } else if (!accepted) {
+            actions[u] = Delete;
+            deletedFirst.push_back(p);
+        } else if ((p > 0 && order.compare(record, list.at(p - 1)) < 0)
+                   || (p + 1 < n && order.compare(record, list.at(p + 1)) > 0)) {
+            actions[u] = Move;
+            deletedFirst.push_back(p);
+        } else {
+            actions[u] = Stay;
+        }
+    }
+    std::sort(deletedFirst.begin(), deletedFirst.end());
+    deletedFirst.erase(std::unique(deletedFirst.begin(), deletedFirst.end()), deletedFirst.end());
+    std::unordered_set<int> deletedLater;
+    auto isDeleted = [&](int p) {
+        return std::binary_search(deletedFirst.begin(), deletedFirst.end(), p)
+            || (!deletedLater.empty() && deletedLater.count(p));
+    };
+
+    // A staying record was checked against neighbours that may leave. Check
+    // it again against its nearest neighbours that stay, and move it too when
+    // it is out of order with them; that may in turn unsettle the records
+    // next to it.
+    struct Staying
+    {
+        int position;
+        int entry; // in `updated`
+        bool operator<(const Staying &o) const { return position < o.position; }
+    };
+    std::vector<Staying> staying; // by position; a row given twice has two entries
+    for (int u = 0; u < updated.size(); ++u) {
+        const int p = updatedPositions[u];
+        if (actions[u] == Stay && !isDeleted(p))
+            staying.push_back({p, u});
+    }
+    std::stable_sort(staying.begin(), staying.end());
+    auto stayingAt = [&](int p) {
+        return std::equal_range(staying.begin(), staying.end(), Staying{p, 0});
+    };
+    std::vector<int> work;
+    for (const Staying &s : staying) {
+        if ((work.empty() || work.back() != s.position) && (isDeleted(s.position - 1) || isDeleted(s.position + 1)))
+            work.push_back(s.position);
+    }
+    std::reverse(work.begin(), work.end()); // popped from the back: left to right
+    while (!work.empty()) {
+        const int p = work.back();
+        work.pop_back();
+        const auto here = stayingAt(p);
+        if (isDeleted(p) || here.first == here.second)
+            continue;
+        // The last entry of the row stands for it, as any would: they share it.
+        const T &record = updated[(here.second - 1)->entry];
+        int left = p - 1;
+        while (left >= 0 && isDeleted(left))
+            --left;
+        int right = p + 1;
+        while (right < n && isDeleted(right))
+            ++right;
+        if ((left >= 0 && order.compare(record, list.at(left)) < 0)
+            || (right < n && order.compare(record, list.at(right)) > 0)) {
+            deletedLater.insert(p);
+            for (auto s = here.first; s != here.second; ++s)
+                actions[static_cast<size_t>(s->entry)] = Move;
+            if (left >= 0 && stayingAt(left).first != stayingAt(left).second)
+                work.push_back(left);
+            if (right < n && stayingAt(right).first != stayingAt(right).second)
+                work.push_back(right);
+        }
+    }
+
+    // Records to add, in arrival order: the inserted ones, then the updated
+    // ones that come (back) in.
+    std::vector<T> additions;
+    for (const T &record : inserted) {
+        if (order.accepts(record))
+            additions.push_back(record);
+    }
+    for (int u = 0; u < updated.size(); ++u) {
+        if (actions[u] == Add || actions[u] == Move)
+            additions.push_back(updated[u]);
+    }
+
+    // One sweep deletes every range and compacts the partitions.
+    std::vector<int> sortedDeleted(deletedFirst);
+    sortedDeleted.insert(sortedDeleted.end(), deletedLater.begin(), deletedLater.end());
+    std::sort(sortedDeleted.begin(), sortedDeleted.end());
+    QVector<QPair<int, int>> ranges;
+    for (const int p : sortedDeleted) {
+        if (!ranges.isEmpty() && ranges.last().second == p)
+            ranges.last().second = p + 1;
+        else
+            ranges.append(qMakePair(p, p + 1));
+    }
+    list.removeRanges(ranges);
+
+    if (additions.empty())
+        return;
+    order.sort(additions);
+
+    // Additions that share an insertion point go in together as one block;
+    // the search cursor only moves forward. The points are found in the list
+    // as it stands and then shifted by the blocks that go in before them.
+    // Every upper bound is searched at once over the list as it stands (it is
+    // in order: whatever was out of order has been taken out); as the
+    // additions are in order too, each bound is the search from the previous
+    // one on.
+    // The bounds of the first and the last addition frame all the others;
+    // when they agree (a batch appended at the end, as a load does), every
+    // addition shares that point and nothing more is searched.
+    const int count = list.count();
+    const int additionCount = static_cast<int>(additions.size());
+    const int firstBound = boundIn(order, list, additions.front(), 0, count, true);
+    const int lastBound = boundIn(order, list, additions.back(), firstBound, count, true);
+    std::vector<int> bound(additions.size(), firstBound);
+    if (lastBound != firstBound) {
+        std::vector<int> limit(additions.size(), lastBound);
+        lockstepSearch(order, list, additionCount,
+                       [&additions](int a) -> const T & { return additions[static_cast<size_t>(a)]; },
+                       bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
+                           if (c <= 0)
+                               low = mid + 1;
+                           else
+                               high = mid;
+                       });
+    }
+    std::vector<int> points;
+    std::vector<int> sizes;
+    int cursor = 0;
+    int before = 0;
+    for (size_t a = 0; a < additions.size(); ++a) {
+        const int lo = std::max(bound[a], cursor);
+        if (a == 0 || lo != cursor) {
+            if (!sizes.empty())
+                before += sizes.back();
+            points.push_back(lo + before);
+            sizes.push_back(0);
+        }
+        ++sizes.back();
+        cursor = lo;
+    }
+    list.insertBlocks(points.data(), sizes.data(), static_cast<int>(points.size()), additions.data());
+}
+
+} // namespace sortbatch
+
+#endif // DATABASE_SORTBATCH_P_H
