@@ -1,4 +1,4 @@
-// The shared workloads W1..W8: a data generator that any store can replay,
+// The shared workloads W1..W8 and W10: a data generator that any store can replay,
 // and the harness that times each run in a child process of its own.
 //
 // Anyone can run the same operations with another store: the generator is

@@ -3,12 +3,14 @@
 #include "workload_database.h"
 
 #include <database/checksum.h>
+#include <database/indexlimit.h>
 #include <database/indexsort.h>
 #include <database/masterindex_fast.h>
 #include <database/optionpricing.h>
 #include <database/recordstrans.h>
 #include <database/table.h>
 #include <database/tableio.h>
+#include <database/watchindex.h>
 #include <database/qtiocompressor.h>
 
 #include <QtCore/QDataStream>
@@ -83,9 +85,8 @@ void setPrice(const Record &record, double price)
     field.clearNull();
 }
 
-Record makeRow(const Table *table, const Row &row)
+void fillRow(const Record &record, const Row &row)
 {
-    const Record record(table);
     setKey(record, row.key);
     setPrice(record, row.price);
     Field qty = record.data(Qty);
@@ -100,6 +101,12 @@ Record makeRow(const Table *table, const Row &row)
     Field ts = record.data(Ts);
     FieldType::setDatetime(ts.data(), datetime(row.ts));
     ts.clearNull();
+}
+
+Record makeRow(const Table *table, const Row &row)
+{
+    const Record record(table);
+    fillRow(record, row);
     return record;
 }
 
@@ -398,6 +405,46 @@ double callPrice(const Quote &q)
     return theorPriceCallPut(optionOf(q), q.sigma).first;
 }
 
+// The oldest trades go first when the table is over its limit.
+class Oldest : public IndexLimit
+{
+public:
+    Oldest(int limit, Table *table) : IndexLimit(limit, table) {}
+    int compare(const Record &a, const Record &b) const override { return a.data(Ts).compare(b.data(Ts)); }
+};
+
+// W10: a table at its limit of n rows takes n / 10 new ones in one
+// transaction, which drops the n / 10 oldest in the same batch; with
+// `watch`, a watch index collects the batch too.
+Result w10(int n, bool watch)
+{
+    const std::vector<Row> rows = drawRows(n + n / 10);
+    auto store = std::make_unique<Store>();
+    Oldest oldest(n, &store->table);
+    fillBatch(*store, std::vector<Row>(rows.begin(), rows.begin() + n));
+    std::unique_ptr<WatchIndex> watched = watch ? std::make_unique<WatchIndex>(&store->table) : nullptr;
+    const auto start = Clock::now();
+    {
+        TableUpdater updater(&store->table);
+        RecordsTrans trans(&store->table);
+        for (auto row = rows.begin() + n; row != rows.end(); ++row) {
+            // A key that no row has becomes the new row itself.
+            const Record key(&store->table);
+            setKey(key, row->key);
+            RecordUpdater record(key, trans);
+            fillRow(record, *row);
+        }
+    }
+    const double seconds = since(start);
+    std::string check = std::to_string(store->table.rowCount()) + " rows, oldest "
+        + std::to_string(oldest.count() ? FieldType::getInt64(oldest.at(0).data(Key).data()) : 0);
+    if (watched)
+        check += ", watched " + std::to_string(watched->inserted().size()) + "+"
+            + std::to_string(watched->removed().size());
+    watched.reset();
+    return {seconds, static_cast<double>(n / 10), check};
+}
+
 std::vector<Entry> databaseEntries()
 {
     return {
@@ -415,6 +462,8 @@ std::vector<Entry> databaseEntries()
         {"W6-load", "database", "rows", [](int n) { return w6(n, false, false); }},
         {"W6-save", "database gz", "rows", [](int n) { return w6(n, true, true); }},
         {"W6-load", "database gz", "rows", [](int n) { return w6(n, true, false); }},
+        {"W10", "database limit", "rows", [](int n) { return w10(n, false); }},
+        {"W10", "database limit+watch", "rows", [](int n) { return w10(n, true); }},
         {"W7", "database", "bytes",
          [](int) {
              return checksumRun([](const char *data, std::size_t size) { return qChecksum64Update(0, data, size); });

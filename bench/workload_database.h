@@ -1,4 +1,4 @@
-// The workloads W1..W8 on the library.
+// The workloads W1..W8 and W10 on the library.
 
 #ifndef DATABASE_BENCH_WORKLOAD_DATABASE_H
 #define DATABASE_BENCH_WORKLOAD_DATABASE_H

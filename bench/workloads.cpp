@@ -1,4 +1,4 @@
-// make bench: the workloads W1..W8 on the library, each repetition in a child
+// make bench: the workloads W1..W8 and W10 on the library, each repetition in a child
 // process on a fresh table, written to a tab-separated results file.
 
 #include "workload_database.h"

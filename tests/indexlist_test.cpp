@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace {
 
 class IndexListTest : public ::testing::Test
@@ -63,6 +65,46 @@ TEST_F(IndexListTest, DefaultProcessRemovesUpdatesThenInserts)
     EXPECT_EQ(ids(list), std::vector<int>({1, 2, 3}));
     list.process({a}, {}, -1, -1, {a});
     EXPECT_EQ(ids(list), std::vector<int>({2, 3, 1}));
+}
+
+// Large batches of a plain list take one pass; a subclass hears the default
+// one record at a time. Both must end the same, rows listed twice, removed
+// and updated in one batch, updated twice or absent included.
+TEST_F(IndexListTest, ABatchInOnePassEndsAsTheDefaultDoes)
+{
+    struct OneAtATime : IndexList
+    {
+        using IndexList::IndexList;
+        void add(const Record &record) override
+        {
+            ++adds;
+            IndexList::add(record);
+        }
+        int adds = 0;
+    };
+    std::vector<Record> rows;
+    for (int i = 0; i < 40; ++i)
+        rows.push_back(makeRow(table, {0, i}));
+    std::mt19937 random(11);
+    for (int round = 0; round < 300; ++round) {
+        IndexList fast(&table, false);
+        OneAtATime plain(&table, false);
+        for (int n = static_cast<int>(random() % 60); n > 0; --n) {
+            const Record &row = rows[random() % rows.size()];
+            fast.add(row);
+            plain.add(row);
+        }
+        QList<Record> removed, updated, inserted;
+        for (QList<Record> *batch : {&removed, &updated, &inserted}) {
+            for (int n = static_cast<int>(random() % 30); n > 0; --n)
+                batch->append(rows[random() % rows.size()]);
+        }
+        const int addsBefore = plain.adds;
+        fast.process(removed, updated, 0, 1, inserted);
+        plain.process(removed, updated, 0, 1, inserted);
+        ASSERT_EQ(ids(fast), ids(plain)) << "round " << round;
+        ASSERT_EQ(plain.adds - addsBefore, updated.size() + inserted.size()) << "a subclass hears every add";
+    }
 }
 
 TEST_F(IndexListTest, RebuildClearsAndRefillsFromTheMaster)

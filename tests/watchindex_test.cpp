@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <random>
+
 namespace {
 
 std::vector<int> ids(const QList<Record> &records)
@@ -46,6 +49,57 @@ TEST(WatchIndex, CollectsTheChangesOfAPeriod)
     EXPECT_EQ(ids(watch.removed()), std::vector<int>({3}));
     EXPECT_EQ(ids(watch.updated()), std::vector<int>({3, 3}));
     EXPECT_EQ(watch.getClassName(), QStringLiteral("WatchIndex"));
+}
+
+// Rows removed and added back many times, against the lists kept the plain
+// way: an added row is looked for in removed() by a scan, and its first entry
+// there is taken out. A copy goes on from where the original stood.
+TEST(WatchIndex, RowsComingBackFollowThePlainLists)
+{
+    Table table(QStringLiteral("t"));
+    table.addColumn(QStringLiteral("id"), FieldType::Integer);
+    std::vector<Record> rows;
+    for (int i = 0; i < 6; ++i)
+        rows.push_back(makeRow(table, {i}));
+    std::unique_ptr<WatchIndex> watch = std::make_unique<WatchIndex>(&table);
+    QList<Record> inserted, removed, updated;
+    std::mt19937 random(5);
+    for (int step = 0; step < 3000; ++step) {
+        const Record &row = rows[random() % rows.size()];
+        switch (random() % 8) {
+        case 0:
+        case 1:
+        case 2:
+            watch->remove(row, -1);
+            removed.append(row);
+            break;
+        case 3:
+        case 4:
+        case 5:
+            watch->add(row);
+            if (removed.contains(row)) {
+                removed.removeOne(row);
+                updated.append(row);
+            } else {
+                inserted.append(row);
+            }
+            break;
+        case 6:
+            if (random() % 20 == 0) {
+                watch->clear();
+                inserted.clear();
+                removed.clear();
+                updated.clear();
+            }
+            break;
+        default:
+            if (random() % 10 == 0)
+                watch = std::make_unique<WatchIndex>(*watch);
+        }
+        ASSERT_EQ(ids(watch->inserted()), ids(inserted)) << "step " << step;
+        ASSERT_EQ(ids(watch->removed()), ids(removed)) << "step " << step;
+        ASSERT_EQ(ids(watch->updated()), ids(updated)) << "step " << step;
+    }
 }
 
 } // namespace

@@ -3,6 +3,12 @@
 #include "core.h"
 #include "masterindex.h"
 
+#include <QtCore/QHash>
+
+#include <algorithm>
+#include <typeinfo>
+#include <vector>
+
 IndexList::IndexList(Table *table, bool registered)
     : m_table(table)
     , m_tableAlive(table)
@@ -77,6 +83,77 @@ void IndexList::remove(const Record &record, int position)
     const int found = indexOf(record);
     if (found != -1)
         m_list.removeAt(found);
+}
+
+void IndexList::process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn,
+                        int lastColumn, const QList<Record> &inserted)
+{
+    // A subclass may have its own remove(), update() or add(), which the
+    // default hears one record at a time; and a few changes cost less that
+    // way than one pass over a long list.
+    constexpr int BatchFrom = 16;
+    if (typeid(*this) != typeid(IndexList) || removed.size() + updated.size() < BatchFrom) {
+        Index::process(removed, updated, firstColumn, lastColumn, inserted);
+        return;
+    }
+
+    // What the default gives, in one pass: each removal takes out a row's
+    // first entry, and each update its first entry and appends the row
+    // again, so that entries appended by earlier updates of a row give way
+    // to later ones once its entries in the list are used up.
+    struct Changes
+    {
+        int removals = 0;
+        int updates = 0;
+        int present = 0; // the row's entries in the list
+        int deleted = 0; // of those, taken out
+    };
+    QHash<const unsigned char *, Changes> changes;
+    changes.reserve(removed.size() + updated.size());
+    for (const Record &record : removed)
+        ++changes[record.rowPtr()].removals;
+    for (const Record &record : updated)
+        ++changes[record.rowPtr()].updates;
+
+    QVector<QPair<int, int>> ranges;
+    int position = 0;
+    m_list.forEachSegment([&](const Record *first, int count) {
+        for (int e = 0; e < count; ++e, ++position) {
+            const auto change = changes.find(first[e].rowPtr());
+            if (change == changes.end())
+                continue;
+            ++change->present;
+            if (change->deleted < change->removals + change->updates) {
+                ++change->deleted;
+                if (!ranges.isEmpty() && ranges.last().second == position)
+                    ranges.last().second = position + 1;
+                else
+                    ranges.append(qMakePair(position, position + 1));
+            }
+        }
+    });
+    m_list.removeRanges(ranges);
+
+    // A row's updates leave as many entries as the list had left for them to
+    // take out, at least one: those its last updates appended.
+    for (Changes &change : changes) {
+        if (change.updates > 0)
+            change.updates = std::max(1, std::min(std::max(0, change.present - change.removals), change.updates));
+    }
+    std::vector<bool> appended(static_cast<size_t>(updated.size()), false);
+    for (int u = updated.size() - 1; u >= 0; --u) {
+        int &left = changes[updated[u].rowPtr()].updates;
+        if (left > 0) {
+            --left;
+            appended[static_cast<size_t>(u)] = true;
+        }
+    }
+    for (int u = 0; u < updated.size(); ++u) {
+        if (appended[static_cast<size_t>(u)])
+            m_list.append(updated[u]);
+    }
+    for (const Record &record : inserted)
+        m_list.append(record);
 }
 
 bool IndexList::filter(const Record &) const

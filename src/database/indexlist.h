@@ -51,6 +51,11 @@ public:
     // The hint is used when the element at `position` has the record's row;
     // otherwise indexOf() finds it. Absent records are ignored.
     void remove(const Record &record, int position) override;
+    // The default's outcome, record for record; a plain IndexList given many
+    // removals and updates reaches it in one pass over the list instead of a
+    // scan for each.
+    void process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn, int lastColumn,
+                 const QList<Record> &inserted) override;
     bool filter(const Record &record) const override;
     bool contains(const Record &record) const override;
     // Row identity, scanning from the front.

@@ -20,6 +20,7 @@ void WatchIndex::clear()
 {
     m_inserted.clear();
     m_removed.clear();
+    m_removedCount.clear();
     m_updated.clear();
 }
 
@@ -30,21 +31,23 @@ void WatchIndex::build()
 
 void WatchIndex::add(const Record &record)
 {
-    // The scan from the end only tells whether the row is there; the entry
-    // taken out is its first one.
-    for (int i = m_removed.size() - 1; i >= 0; --i) {
-        if (m_removed.at(i) == record) {
-            m_removed.removeOne(record);
-            m_updated.append(record);
-            return;
-        }
+    // A row removed in this period comes back as an update; the entry taken
+    // out of removed() is its first one.
+    const auto count = m_removedCount.find(record.rowPtr());
+    if (count == m_removedCount.end()) {
+        m_inserted.append(record);
+        return;
     }
-    m_inserted.append(record);
+    if (--*count == 0)
+        m_removedCount.erase(count);
+    m_removed.removeOne(record);
+    m_updated.append(record);
 }
 
 void WatchIndex::remove(const Record &record, int)
 {
     m_removed.append(record);
+    ++m_removedCount[record.rowPtr()];
 }
 
 bool WatchIndex::filter(const Record &) const

@@ -4,6 +4,7 @@
 #include "database_export.h"
 #include "index.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QPointer>
 
 // WatchIndex: which rows were inserted, removed and updated since the index
@@ -46,6 +47,9 @@ private:
     QList<Record> m_inserted;
     QList<Record> m_removed;
     QList<Record> m_updated;
+    // How many entries of m_removed each row has: most added rows were never
+    // removed, and are told so without a scan of the list.
+    QHash<const unsigned char *, int> m_removedCount;
     QPointer<Table> m_table; // null once the table is gone
 };
 
