@@ -234,6 +234,40 @@ TEST(TableModelPlan, RowsChangedInPlaceAreNotMovedAndNeighboursGoTogether)
     EXPECT_TRUE(steps.empty());
 }
 
+// An update that moved no row is planned from the changed rows' places
+// alone, with exactly the steps of the planner that compares both lists.
+TEST(TableModelPlan, AnUpdateInPlaceHasTheStepsOfTheFullPlan)
+{
+    QRandomGenerator random(23);
+    auto fields = [](const std::vector<Step> &steps) {
+        std::vector<std::vector<int>> out;
+        for (const Step &s : steps)
+            out.push_back({s.kind, s.first, s.count, s.firstColumn, s.lastColumn});
+        return out;
+    };
+    for (int round = 0; round < 2000; ++round) {
+        Rows rows;
+        const int n = 1 + static_cast<int>(random.bounded(40));
+        for (int i = 0; i < n; ++i)
+            rows.push_back(row(i));
+        std::vector<ChangedRow> changed;
+        std::vector<int> positions;
+        for (int k = static_cast<int>(random.bounded(12)); k > 0; --k) {
+            const int at = static_cast<int>(random.bounded(n));
+            int a = static_cast<int>(random.bounded(7)) - 1, b = static_cast<int>(random.bounded(7)) - 1;
+            if (random.bounded(2) && a > b)
+                std::swap(a, b); // else an empty range: every column
+            changed.push_back({rows[static_cast<size_t>(at)], a, b});
+            positions.push_back(at);
+        }
+        const int threshold = std::vector<int>{0, 1, 3, 1000}[random.bounded(4)];
+        std::vector<Step> full, inPlace;
+        ASSERT_TRUE(tablemodelplan::plan(rows, rows, changed, shownColumns, threshold, full));
+        tablemodelplan::planInPlace(changed, positions, shownColumns, threshold, inPlace);
+        ASSERT_EQ(fields(inPlace), fields(full)) << "round " << round;
+    }
+}
+
 // What an update's signals leave shown is checked against the index's rows
 // (after every update in builds with run-time checks).
 TEST(TableModelPlan, AViewThatDiffersFromTheIndexIsNamed)

@@ -155,6 +155,7 @@ private:
     friend class TableModelListener;
     static Record recordOf(const Table *table, unsigned char *row) { return Record(table, row); }
     static TablePrivate *tablePrivate(Table *table) { return table->d_func(); }
+    static Record recordOf(Table *table, unsigned char *row) { return Record(table, row); }
 
     std::unique_ptr<TableModelPrivate> d;
 };

@@ -125,6 +125,10 @@ public:
             readWhileUpdating.clear();
         });
     }
+    // The steps of an update that changed rows in place in a sorted index,
+    // found by a search for each row instead of a pass over the index; false
+    // when the update may have moved, added or removed rows. Under the lock.
+    bool planInPlace(const TableModelPending &taken, std::vector<tablemodelplan::Step> &steps) const;
     bool updateFine(TableModelPending &pending);
     void updateLayout();
     void updateReset();

@@ -134,7 +134,96 @@ void markStable(std::vector<Change *> &changes)
 }
 
 
+// The Data steps of the changed rows `changes`, in order of their new
+// positions: adjacent rows with the same columns together, and past
+// `threshold` signals one step spanning them all.
+void dataSteps(const std::vector<Change *> &changes, const std::vector<int> &columns, int threshold,
+               std::vector<Step> &steps)
+{
+    struct Block
+    {
+        int first;
+        int last;
+        ColumnRuns runs;
+    };
+    std::vector<Block> blocks;
+    int dataSignals = 0;
+    for (const Change *change : changes) {
+        if (!change->data)
+            continue;
+        ColumnRuns runs;
+        for (int c = 0; c < static_cast<int>(columns.size()); ++c) {
+            const int column = columns[static_cast<size_t>(c)];
+            if (!change->allColumns && (column < change->firstColumn || column > change->lastColumn))
+                continue;
+            if (!runs.empty() && runs.back().second == c - 1)
+                runs.back().second = c;
+            else
+                runs.emplace_back(c, c);
+        }
+        if (runs.empty())
+            continue;
+        if (!blocks.empty() && blocks.back().last == change->newPos - 1 && blocks.back().runs == runs) {
+            blocks.back().last = change->newPos;
+            continue;
+        }
+        dataSignals += static_cast<int>(runs.size());
+        blocks.push_back({change->newPos, change->newPos, std::move(runs)});
+    }
+    if (dataSignals > threshold) {
+        int left = INT_MAX;
+        int right = -1;
+        for (const Block &block : blocks) {
+            left = std::min(left, block.runs.front().first);
+            right = std::max(right, block.runs.back().second);
+        }
+        blocks = {{blocks.front().first, blocks.back().last, {{left, right}}}};
+    }
+    for (const Block &block : blocks) {
+        for (const auto &run : block.runs)
+            steps.push_back({Step::Data, block.first, block.last - block.first + 1, 0, 0, run.first, run.second});
+    }
+}
+
+// Merges what changed of each row: the union of its columns, or every
+// column for a row that left and came back.
+void merge(Change &change, const ChangedRow &c)
+{
+    change.data = true;
+    if (c.firstColumn < 0 || c.lastColumn < c.firstColumn) {
+        change.allColumns = true;
+    } else {
+        change.firstColumn = std::min(change.firstColumn, c.firstColumn);
+        change.lastColumn = std::max(change.lastColumn, c.lastColumn);
+    }
+}
+
 } // namespace
+
+void planInPlace(const std::vector<ChangedRow> &changed, const std::vector<int> &positions,
+                 const std::vector<int> &columns, int threshold, std::vector<Step> &steps)
+{
+    steps.clear();
+    std::unordered_map<const unsigned char *, size_t> ids;
+    ids.reserve(changed.size() * 2);
+    std::vector<Change> changes;
+    changes.reserve(changed.size());
+    for (size_t k = 0; k < changed.size(); ++k) {
+        const auto found = ids.emplace(changed[k].row, changes.size());
+        if (found.second) {
+            changes.emplace_back();
+            changes.back().row = changed[k].row;
+            changes.back().newPos = positions[k];
+        }
+        merge(changes[found.first->second], changed[k]);
+    }
+    std::vector<Change *> order;
+    order.reserve(changes.size());
+    for (Change &change : changes)
+        order.push_back(&change);
+    std::sort(order.begin(), order.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
+    dataSteps(order, columns, threshold, steps);
+}
 
 bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned char *> &next,
           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
@@ -153,15 +242,7 @@ bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned c
             changes.back().row = c.row;
             filter.add(c.row);
         }
-        Change &change = changes[found.first->second];
-        change.data = true;
-        if (c.firstColumn < 0 || c.lastColumn < c.firstColumn) {
-            // A row that left and came back may have changed anywhere.
-            change.allColumns = true;
-        } else {
-            change.firstColumn = std::min(change.firstColumn, c.firstColumn);
-            change.lastColumn = std::max(change.lastColumn, c.lastColumn);
-        }
+        merge(changes[found.first->second], c);
     }
     auto find = [&](const unsigned char *row) -> Change * {
         if (!filter.maybe(row))
@@ -332,53 +413,9 @@ bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned c
     }
     Q_ASSERT(view.count() == newCount);
 
-    // dataChanged: the changed columns of each row shown before and after,
-    // adjacent rows with the same columns together.
+    // dataChanged: the changed columns of each row shown before and after.
     std::sort(kept.begin(), kept.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
-    struct Block
-    {
-        int first;
-        int last;
-        ColumnRuns runs;
-    };
-    std::vector<Block> blocks;
-    int dataSignals = 0;
-    for (const Change *change : kept) {
-        if (!change->data)
-            continue;
-        ColumnRuns runs;
-        for (int c = 0; c < static_cast<int>(columns.size()); ++c) {
-            const int column = columns[static_cast<size_t>(c)];
-            if (!change->allColumns && (column < change->firstColumn || column > change->lastColumn))
-                continue;
-            if (!runs.empty() && runs.back().second == c - 1)
-                runs.back().second = c;
-            else
-                runs.emplace_back(c, c);
-        }
-        if (runs.empty())
-            continue;
-        if (!blocks.empty() && blocks.back().last == change->newPos - 1 && blocks.back().runs == runs) {
-            blocks.back().last = change->newPos;
-            continue;
-        }
-        dataSignals += static_cast<int>(runs.size());
-        blocks.push_back({change->newPos, change->newPos, std::move(runs)});
-    }
-    if (dataSignals > threshold) {
-        int left = INT_MAX;
-        int right = -1;
-        for (const Block &block : blocks) {
-            left = std::min(left, block.runs.front().first);
-            right = std::max(right, block.runs.back().second);
-        }
-        blocks = {{blocks.front().first, blocks.back().last, {{left, right}}}};
-    }
-
-    for (const Block &block : blocks) {
-        for (const auto &run : block.runs)
-            steps.push_back({Step::Data, block.first, block.last - block.first + 1, 0, 0, run.first, run.second});
-    }
+    dataSteps(kept, columns, threshold, steps);
     return true;
 }
 

@@ -126,6 +126,12 @@ DATABASE_EXPORT bool plan(const std::vector<unsigned char *> &rows, const std::v
                           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
                           std::vector<Step> &steps);
 
+// The steps of an update that moved no row: each changed row stands at
+// `positions[k]` (of changed[k]) before and after. They are the ones plan()
+// answers for such an update, found without a pass over the rows.
+DATABASE_EXPORT void planInPlace(const std::vector<ChangedRow> &changed, const std::vector<int> &positions,
+                                 const std::vector<int> &columns, int threshold, std::vector<Step> &steps);
+
 // Stops the program, naming the first difference, unless the view shows
 // exactly `rows`: what an update's signals left against what it read from
 // the index. Builds with DATABASE_CHECKS run it after every update.

@@ -7,6 +7,7 @@
 
 #include "exception.h"
 #include "indexlist.h"
+#include "indexsort.h"
 #include "indexvector.h"
 #include "masterindex.h"
 #include "table_p.h"
@@ -283,6 +284,11 @@ void TableModelPrivate::update(bool forceLayout)
     TableModelPending taken;
     bool reset = false;
     int tableColumns = 0;
+    std::vector<tablemodelplan::Step> inPlace;
+    bool movedNone = false;
+#ifdef DATABASE_CHECKS
+    std::vector<unsigned char *> shown; // what an update in place must leave
+#endif
     {
         TableLocker locker(table);
         TablePrivate *t = TableModel::tablePrivate(table);
@@ -310,13 +316,26 @@ void TableModelPrivate::update(bool forceLayout)
             return;
         reset = resetDue;
         resetDue = false;
-        readSource(incoming);
+        movedNone = !reset && !forceLayout && !grown && planInPlace(taken, inPlace);
+        if (!movedNone)
+            readSource(incoming);
+#ifdef DATABASE_CHECKS
+        else
+            readSource(shown);
+#endif
     }
     pages.clear();
     {
         const auto done = signalling();
         if (reset) {
             updateReset();
+        } else if (movedNone) {
+#ifdef DATABASE_CHECKS
+            tablemodelplan::verifyShown(view, shown);
+#endif
+            for (const tablemodelplan::Step &step : inPlace)
+                Q_EMIT q->dataChanged(q->index(step.first, step.firstColumn),
+                                      q->index(step.first + step.count - 1, step.lastColumn));
         } else {
             // Columns a load added to the table come after the others.
             if (columnNames.isEmpty() && tableColumns > static_cast<int>(columns.size())) {
@@ -392,6 +411,36 @@ void TableModelPrivate::updateLayout()
     if (!from.isEmpty())
         q->changePersistentIndexList(from, to);
     Q_EMIT q->layoutChanged();
+}
+
+bool TableModelPrivate::planInPlace(const TableModelPending &taken, std::vector<tablemodelplan::Step> &steps) const
+{
+    // Only a sorted index finds a row's place without a pass over it.
+    const IndexSort *sorted = dynamic_cast<const IndexSort *>(useMaster ? table->masterIndex() : list);
+    if (!sorted || taken.coarse || !taken.kept.empty() || taken.changes.empty()
+        || sorted->count() != static_cast<int>(rows.size()))
+        return false;
+    // A few searches always cost less than a pass; past that, from a 64th
+    // of the rows on, the pass costs less.
+    if (taken.changes.size() > 8 && taken.changes.size() * 64 > rows.size())
+        return false;
+    std::vector<tablemodelplan::ChangedRow> changed;
+    std::vector<int> positions;
+    changed.reserve(taken.changes.size());
+    positions.reserve(taken.changes.size());
+    for (const TableModelPending::Change &c : taken.changes) {
+        if (c.kind != TableModelPending::Updated)
+            return false;
+        // The row is where the view shows it: no row moved, since rows that
+        // did not change keep their order.
+        const int at = sorted->indexOf(TableModel::recordOf(table, c.row));
+        if (at < 0 || at >= static_cast<int>(rows.size()) || rows[static_cast<size_t>(at)] != c.row)
+            return false;
+        changed.push_back({c.row, c.firstColumn, c.lastColumn});
+        positions.push_back(at);
+    }
+    tablemodelplan::planInPlace(changed, positions, columns, threshold, steps);
+    return true;
 }
 
 bool TableModelPrivate::updateFine(TableModelPending &taken)
