@@ -2,6 +2,7 @@
 
 #include "core.h"
 #include "masterindex.h"
+#include "tablemodelplan_p.h" // RowFilter
 
 #include <QtCore/QHash>
 
@@ -110,15 +111,24 @@ void IndexList::process(const QList<Record> &removed, const QList<Record> &updat
     };
     QHash<const unsigned char *, Changes> changes;
     changes.reserve(removed.size() + updated.size());
-    for (const Record &record : removed)
+    // Most elements of the pass are not among the changed rows: a bit test
+    // says so before the hash.
+    RowFilter filter(static_cast<size_t>(removed.size() + updated.size()));
+    for (const Record &record : removed) {
         ++changes[record.rowPtr()].removals;
-    for (const Record &record : updated)
+        filter.add(record.rowPtr());
+    }
+    for (const Record &record : updated) {
         ++changes[record.rowPtr()].updates;
+        filter.add(record.rowPtr());
+    }
 
     QVector<QPair<int, int>> ranges;
     int position = 0;
     m_list.forEachSegment([&](const Record *first, int count) {
         for (int e = 0; e < count; ++e, ++position) {
+            if (!filter.maybe(first[e].rowPtr()))
+                continue;
             const auto change = changes.find(first[e].rowPtr());
             if (change == changes.end())
                 continue;

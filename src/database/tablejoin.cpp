@@ -256,13 +256,13 @@ void TableJoinPrivate::verify()
     // A side whose table this thread still holds may have changes not
     // reported yet: it waits for its own unlock. The main table may not be
     // taken after a dependent one.
-    // An index taken off its table by a rebuilder hears nothing meanwhile.
-    const auto beingRebuilt = [](Table *table) { return TableJoin::tablePrivate(table)->rebuilders.load() > 0; };
     const bool mainHeld = TableJoin::tablePrivate(main)->lock.heldByCurrentThread();
     for (const auto &link : links) {
         if (!mainHeld && link->table && TableJoin::tablePrivate(link->table)->lock.heldByCurrentThread())
             return;
     }
+    // An index taken off its table by a rebuilder hears nothing meanwhile.
+    const auto beingRebuilt = [](Table *table) { return TableJoin::tablePrivate(table)->rebuilders.load() > 0; };
     TableLocker mainLocker(main);
     if (beingRebuilt(main) || main->rowCount() > VerifiedRows)
         return;
@@ -273,10 +273,11 @@ void TableJoinPrivate::verify()
         TableLocker dependentLocker(link->table);
         if (beingRebuilt(link->table) || link->table->rowCount() > VerifiedRows)
             continue;
-        const QByteArray mainName = main->name().toLocal8Bit();
-        const QByteArray dependentName = link->table->name().toLocal8Bit();
-        const char *const table = mainName.constData();
-        const char *const dependent = dependentName.constData();
+        const auto stop = [&](const QString &what) {
+            qFatal("TableJoin of '%s' and '%s': %s", qPrintable(main->name()), qPrintable(link->table->name()),
+                   qPrintable(what));
+        };
+        const QString unreported = QStringLiteral(" (was a key changed without updated()?)");
         if (!mainHeld) {
             int filed = 0;
             for (const Record &row : *main->masterIndex()) {
@@ -285,28 +286,22 @@ void TableJoinPrivate::verify()
                 const auto group = link->mainByKey.constFind(key);
                 if (slot == link->mainSlots.constEnd() || slot->key != key || group == link->mainByKey.constEnd()
                     || slot->at >= group->size() || group->at(slot->at).rowPtr() != row.rowPtr())
-                    qFatal("TableJoin of '%s' and '%s': main row %d is not filed under its key (was a key changed "
-                           "without updated()?)",
-                           table, dependent, filed);
+                    stop(QStringLiteral("main row %1 is not filed under its key").arg(filed) + unreported);
                 ++filed;
             }
             if (filed != link->mainSlots.size())
-                qFatal("TableJoin of '%s' and '%s': %d main rows filed, the table has %d", table, dependent,
-                       link->mainSlots.size(), filed);
+                stop(QStringLiteral("%1 main rows filed, the table has %2").arg(link->mainSlots.size()).arg(filed));
         }
         if (!dependentHeld) {
             int known = 0;
             for (const Record &row : *link->table->masterIndex()) {
                 const auto key = link->depKeys.constFind(row.rowPtr());
                 if (key == link->depKeys.constEnd() || *key != keyHash(row, link->depKey))
-                    qFatal("TableJoin of '%s' and '%s': the key of dependent row %d is not the one heard (was a key "
-                           "changed without updated()?)",
-                           table, dependent, known);
+                    stop(QStringLiteral("the key of dependent row %1 is not the one heard").arg(known) + unreported);
                 ++known;
             }
             if (known != link->depKeys.size())
-                qFatal("TableJoin of '%s' and '%s': %d dependent rows known, the table has %d", table, dependent,
-                       link->depKeys.size(), known);
+                stop(QStringLiteral("%1 dependent rows known, the table has %2").arg(link->depKeys.size()).arg(known));
         }
     }
 }

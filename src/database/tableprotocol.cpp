@@ -4,9 +4,7 @@
 #include "lockorder_p.h"
 #include "masterindex.h"
 #include "table_p.h"
-#include "tablejoin.h"
 
-#include <QtCore/QDebug>
 #include <QtCore/QThread>
 
 #include <algorithm>
