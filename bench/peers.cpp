@@ -574,6 +574,36 @@ bool comparable(const Entry &library, const Entry &peer)
     return library.workload.rfind("W6", 0) != 0 || gzLibrary == gzPeer;
 }
 
+// The speed goals: a library row against a peer row (empty: the best
+// comparable peer; a "database" row: the library against itself).
+struct Goal
+{
+    const char *what;
+    std::string workload;
+    std::string library;
+    std::string peer;
+    double target;
+};
+
+const std::vector<Goal> &goals()
+{
+    static const std::vector<Goal> list = {
+        {"W1 append, batch", "W1", "database batch", "", 1.0},
+        {"W2 price updates, one transaction", "W2", "database batch", "", 0.9},
+        {"W4 mixed batches, a transaction each", "W4", "database batch", "", 1.0},
+        {"W3 lookups, one search each", "W3", "database row", "", 1.3},
+        {"W1 append, row at a time", "W1", "database row", "", 2.5},
+        {"W2 price updates, row at a time", "W2", "database row", "", 2.5},
+        {"W4 mixed changes, one at a time", "W4", "database row", "", 2.5},
+        {"W5 resort() after new prices", "W5-random", "database", "std stable_sort", 1.5},
+        {"W6 load, plain, indexes rebuilt", "W6-load", "database", "sqlite backup", 1.0},
+        {"W6 save, gzip level 6", "W6-save", "database gz", "zlib gzip", 0.7},
+        {"W6 load, gzip, indexes rebuilt", "W6-load", "database gz", "zlib gzip", 1.5},
+        {"W10 limit step, watch index's share", "W10", "database limit+watch", "database limit", 1.2},
+    };
+    return list;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -595,6 +625,8 @@ int main(int argc, char **argv)
         if (std::find(workloads.begin(), workloads.end(), e.workload) == workloads.end())
             workloads.push_back(e.workload);
     }
+    // Medians by workload and row name, library's and peers', for the goals.
+    std::map<std::pair<std::string, std::string>, double> medians, bestPeer;
     for (const std::string &workload : workloads) {
         std::vector<const Entry *> ours;
         std::vector<const Entry *> theirs;
@@ -619,6 +651,8 @@ int main(int argc, char **argv)
         }
         for (const Entry *e : theirs) {
             const Summary s = summarize(results[e]);
+            if (s.reps > 0)
+                medians[{workload, e->peer}] = s.median;
             std::printf("%-9s %-15s %9s  %-15s %9.4f %7s  %s\n", workload.c_str(), "", "", e->peer.c_str(), s.median,
                         "", s.check.c_str());
         }
@@ -636,6 +670,11 @@ int main(int argc, char **argv)
                 }
             }
             const double ratio = best && bestSummary.median > 0 ? s.median / bestSummary.median : NAN;
+            if (s.reps > 0) {
+                medians[{workload, mine->peer}] = s.median;
+                if (best)
+                    bestPeer[{workload, mine->peer}] = bestSummary.median;
+            }
             std::printf("%-9s %-15s %9.4f  %-15s %9.4f %7.2f  %s\n", workload.c_str(), mine->peer.c_str(), s.median,
                         best ? best->peer.c_str() : "-", bestSummary.median, ratio, s.check.c_str());
             if (out)
@@ -650,5 +689,25 @@ int main(int argc, char **argv)
     }
     if (out)
         std::fclose(out);
+
+    std::printf("\n%-40s %7s %7s  %s\n", "goal", "ratio", "target", "");
+    for (const Goal &goal : goals()) {
+        const auto mine = medians.find({goal.workload, goal.library});
+        double against = NAN;
+        if (goal.peer.empty()) {
+            const auto best = bestPeer.find({goal.workload, goal.library});
+            if (best != bestPeer.end())
+                against = best->second;
+        } else {
+            const auto peer = medians.find({goal.workload, goal.peer});
+            if (peer != medians.end())
+                against = peer->second;
+        }
+        if (mine == medians.end() || !(against > 0))
+            continue; // not run (a filter), or failed
+        const double ratio = mine->second / against;
+        std::printf("%-40s %7.2f %7.2f  %s\n", goal.what, ratio, goal.target,
+                    ratio <= goal.target ? "met" : "not met");
+    }
     return 0;
 }

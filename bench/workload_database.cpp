@@ -11,8 +11,9 @@
 #include <database/table.h>
 #include <database/tableio.h>
 #include <database/watchindex.h>
-#include <database/qtiocompressor.h>
+#include <database/settings.h>
 
+#include <QtCore/QCoreApplication>
 #include <QtCore/QDataStream>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -314,46 +315,37 @@ Result w5(int n, bool scrambled)
     return {seconds, static_cast<double>(n), check};
 }
 
-std::unique_ptr<QIODevice> openFile(const QString &path, QIODevice::OpenMode mode, bool gzip, QFile &file)
-{
-    file.setFileName(path);
-    if (!gzip) {
-        file.open(mode);
-        return nullptr;
-    }
-    auto compressor = std::make_unique<QtIOCompressor>(&file, 6, 65500);
-    compressor->setStreamFormat(QtIOCompressor::GzipFormat);
-    compressor->open(mode);
-    return compressor;
-}
-
+// Through the data folder, as the application saves and loads its tables:
+// the setting "compressed" picks the gzip file.
 Result w6(int n, bool gzip, bool save)
 {
+    // The settings file lives beside the program, as for a portable install.
+    int argc = 1;
+    char name[] = "workloads";
+    char *argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    registerJsonSettingsFormat();
+    Settings(QStringLiteral("Database")).setValue(QStringLiteral("compressed"), gzip);
+
     auto store = filledStore(n);
-    const QString folder = QString::fromStdString(scratchFolder());
-    const QString path = folder + (gzip ? QStringLiteral("/trades.gz") : QStringLiteral("/trades"));
+    const QDir folder(QString::fromStdString(scratchFolder()));
+    const QString path = folder.filePath(gzip ? QStringLiteral("trades.gz") : QStringLiteral("trades"));
     Result result;
     {
         const auto start = Clock::now();
-        QFile file;
-        auto compressor = openFile(path, QIODevice::WriteOnly, gzip, file);
-        QDataStream stream(compressor ? static_cast<QIODevice *>(compressor.get()) : &file);
-        TableIO(&store->table).write(stream);
-        stream.setDevice(nullptr);
-        compressor.reset();
-        file.close();
+        TableIO io(&store->table);
+        io.write(folder);
         if (save)
             result.seconds = since(start);
+        if (!io.errorString().isEmpty())
+            throw std::runtime_error(io.errorString().toStdString());
     }
     const qint64 bytes = QFileInfo(path).size();
     if (!save) {
         store.reset();
         Store loaded;
         const auto start = Clock::now();
-        QFile file;
-        auto compressor = openFile(path, QIODevice::ReadOnly, gzip, file);
-        QDataStream stream(compressor ? static_cast<QIODevice *>(compressor.get()) : &file);
-        TableIO(&loaded.table).read(stream);
+        TableIO(&loaded.table).read(folder, false);
         result.seconds = since(start);
         Digest d;
         for (const Record &record : *loaded.price)

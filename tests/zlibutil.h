@@ -16,9 +16,17 @@ inline QByteArray inflateWithZlib(const QByteArray &compressed, int windowBits)
     QByteArray out(1 << 20, 0);
     stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(compressed.constData()));
     stream.avail_in = static_cast<uInt>(compressed.size());
-    stream.next_out = reinterpret_cast<Bytef *>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
+    int status = Z_OK;
+    while (status == Z_OK) {
+        if (stream.total_out == static_cast<uLong>(out.size()))
+            out.resize(out.size() * 2);
+        stream.next_out = reinterpret_cast<Bytef *>(out.data()) + stream.total_out;
+        stream.avail_out = static_cast<uInt>(out.size() - stream.total_out);
+        status = inflate(&stream, Z_FINISH);
+        if (status == Z_BUF_ERROR && stream.avail_out == 0)
+            status = Z_OK; // room ran out, not input
+    }
+    EXPECT_EQ(status, Z_STREAM_END);
     out.resize(static_cast<int>(stream.total_out));
     inflateEnd(&stream);
     return out;

@@ -1,4 +1,5 @@
 #include "tableio.h"
+#include "tablefile_p.h"
 #include "tableformat_p.h"
 #include "tablerecords_p.h"
 
@@ -71,6 +72,8 @@ WholeCopy wholeCopy(const QList<FieldDefConvertor *> &list, const Table *live, c
         whole.nullMasks.back() = static_cast<unsigned char>((1u << (columns % 8)) - 1);
     return whole;
 }
+// Compressed files from this size on are read ahead on a thread.
+constexpr qint64 ReadAheadFrom = 256 * 1024;
 // Rows made up after a stream has ended (see TableIO::read).
 constexpr qint64 MaxRowsPastEnd = 65536;
 constexpr qint64 MaxBytesPastEnd = 256LL << 20;
@@ -331,13 +334,13 @@ void TableIO::write(const QDir &dir)
         fail(file.fileName(), file.errorString());
         return;
     }
-    std::unique_ptr<QtIOCompressor> compressor;
+    // Compressed on every core, into one gzip member any reader takes.
+    std::unique_ptr<TableGzipWriter> compressor;
     QDataStream stream;
     if (compressed) {
-        compressor.reset(new QtIOCompressor(&file));
-        compressor->setStreamFormat(QtIOCompressor::GzipFormat);
+        compressor.reset(new TableGzipWriter(&file, 6));
         if (!compressor->open(QIODevice::WriteOnly)) {
-            fail(file.fileName(), compressor->errorString());
+            fail(file.fileName(), file.errorString());
             file.cancelWriting();
             return;
         }
@@ -347,8 +350,14 @@ void TableIO::write(const QDir &dir)
     }
     write(stream, true);
     stream.setDevice(nullptr);
-    if (compressor)
+    if (compressor) {
         compressor->close(); // the file stays open: the compressor did not open it
+        if (compressor->hasError()) {
+            fail(file.fileName(), compressor->errorString());
+            file.cancelWriting();
+            return;
+        }
+    }
     if (!file.commit()) {
         fail(file.fileName(), file.errorString());
         return;
@@ -364,6 +373,7 @@ void TableIO::read(const QDir &dir, bool addMissingColumns)
     const QString path = fileName(dir);
     QFile file(path);
     std::unique_ptr<QtIOCompressor> compressor;
+    std::unique_ptr<TableReadAhead> readAhead;
     QDataStream stream;
     if (file.open(QIODevice::ReadOnly)) {
         stream.setDevice(&file);
@@ -371,11 +381,20 @@ void TableIO::read(const QDir &dir, bool addMissingColumns)
         file.setFileName(path + QStringLiteral(".gz"));
         compressor.reset(new QtIOCompressor(&file));
         compressor->setStreamFormat(QtIOCompressor::GzipFormat);
-        if (compressor->open(QIODevice::ReadOnly))
+        if (compressor->open(QIODevice::ReadOnly)) {
             stream.setDevice(compressor.get());
+            // A big file inflates on a thread of its own while its rows
+            // are converted here.
+            if (file.size() >= ReadAheadFrom) {
+                readAhead.reset(new TableReadAhead(compressor.get()));
+                if (readAhead->open(QIODevice::ReadOnly))
+                    stream.setDevice(readAhead.get());
+            }
+        }
     }
     read(stream, addMissingColumns, Convertors());
     stream.setDevice(nullptr);
+    readAhead.reset(); // the compressor is this thread's again
     if (compressor && compressor->hasError())
         fail(file.fileName(), compressor->errorString());
     else if (file.isOpen() && file.error() != QFileDevice::NoError)
