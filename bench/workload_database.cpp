@@ -5,6 +5,7 @@
 #include <database/checksum.h>
 #include <database/indexlimit.h>
 #include <database/indexsort.h>
+#include <database/livequery.h>
 #include <database/masterindex_fast.h>
 #include <database/optionpricing.h>
 #include <database/recordstrans.h>
@@ -19,6 +20,7 @@
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cinttypes>
@@ -437,6 +439,70 @@ Result w10(int n, bool watch)
     return {seconds, static_cast<double>(n / 10), check};
 }
 
+// W9: live queries over the W1 table as W2 changes it, 100 batches of 1,000
+// price updates, each followed by a read through the model: the first 100
+// rows of a view sorted by price, or every group of a view by symbol (sum of
+// qty, last price, average price, count, with a total). `load`: building
+// the view instead. The check carries the per-batch median and p99.
+Result w9(int n, bool grouped, bool load)
+{
+    int argc = 1;
+    char name[] = "workloads";
+    char *argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    auto store = filledStore(n);
+    const LiveQuery query = grouped ? LiveQuery()
+                                          .groupBy({QStringLiteral("symbol")})
+                                          .aggregate(QueryAggregate::sum(QStringLiteral("qty")))
+                                          .aggregate(QueryAggregate::last(QStringLiteral("price")))
+                                          .aggregate(QueryAggregate::average(QStringLiteral("price")))
+                                          .aggregate(QueryAggregate::count())
+                                          .withTotal()
+                                    : LiveQuery().orderBy(QStringLiteral("price"));
+    auto start = Clock::now();
+    LiveQueryModel model(&store->table, query);
+    if (load) {
+        const double seconds = since(start);
+        return {seconds, static_cast<double>(n), std::to_string(model.rowCount()) + " rows"};
+    }
+    const int batches = 100, perBatch = 1000;
+    const std::vector<Update> changes = updates(batches * perBatch);
+    const Record probe(&store->table);
+    std::vector<double> times;
+    double total = 0, readSum = 0;
+    auto read = [&] {
+        const int rows = grouped ? model.rowCount() : std::min(100, model.rowCount());
+        for (int r = 0; r < rows; ++r) {
+            for (int c = 0; c < model.columnCount(); ++c) {
+                const QVariant v = model.data(model.index(r, c));
+                if (c == 1)
+                    readSum += v.toString().size();
+            }
+        }
+    };
+    for (int b = 0; b < batches; ++b) {
+        start = Clock::now();
+        {
+            TableUpdater updater(&store->table);
+            RecordsTrans trans(&store->table);
+            for (int k = b * perBatch; k < (b + 1) * perBatch; ++k) {
+                setKey(probe, changes[k].key);
+                RecordUpdater row(probe, trans);
+                setPrice(row, changes[k].price);
+            }
+        }
+        model.update();
+        read();
+        times.push_back(since(start));
+        total += times.back();
+    }
+    std::sort(times.begin(), times.end());
+    char check[96];
+    std::snprintf(check, sizeof check, "%d rows, batch median %.2f ms, p99 %.2f ms", model.rowCount(),
+                  times[times.size() / 2] * 1e3, times[times.size() * 99 / 100] * 1e3);
+    return {total, static_cast<double>(batches * perBatch), check};
+}
+
 std::vector<Entry> databaseEntries()
 {
     return {
@@ -454,6 +520,10 @@ std::vector<Entry> databaseEntries()
         {"W6-load", "database", "rows", [](int n) { return w6(n, false, false); }},
         {"W6-save", "database gz", "rows", [](int n) { return w6(n, true, true); }},
         {"W6-load", "database gz", "rows", [](int n) { return w6(n, true, false); }},
+        {"W9-load", "database flat", "rows", [](int n) { return w9(n, false, true); }},
+        {"W9-load", "database group", "rows", [](int n) { return w9(n, true, true); }},
+        {"W9-flat", "database", "updates", [](int n) { return w9(n, false, false); }},
+        {"W9-group", "database", "updates", [](int n) { return w9(n, true, false); }},
         {"W10", "database limit", "rows", [](int n) { return w10(n, false); }},
         {"W10", "database limit+watch", "rows", [](int n) { return w10(n, true); }},
         {"W7", "database", "bytes",

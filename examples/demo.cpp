@@ -244,9 +244,31 @@ int main(int argc, char *argv[])
     join.addDependent(instruments.masterIndex(), {QStringLiteral("name"), QStringLiteral("lot")});
     report.step(QStringLiteral("instruments: %1 rows, fast key on (board, code); join set up").arg(instruments.rowCount()));
 
+    // The desk's positions, kept current through the day: one row per
+    // instrument (grouped by the name the join fills in), with a total.
+    LiveQueryModel positions(&trades, LiveQuery()
+                                          .groupBy({QStringLiteral("name")})
+                                          .aggregate(QueryAggregate::sum(QStringLiteral("qty"), QStringLiteral("qty")))
+                                          .aggregate(QueryAggregate::weightedAverage(
+                                              QStringLiteral("price"), QStringLiteral("qty"), QStringLiteral("VWAP")))
+                                          .aggregate(QueryAggregate::last(QStringLiteral("price"), QStringLiteral("last")))
+                                          .aggregate(QueryAggregate::count(QStringLiteral("trades")))
+                                          .withTotal());
+    int positionUpdates = 0;
+    QObject::connect(&positions, &LiveQueryModel::updated, [&positionUpdates] { ++positionUpdates; });
+
     for (qint64 first = 1; first <= count; first += 100000)
         addTrades(trades, random, first, static_cast<int>(qMin<qint64>(100000, count - first + 1)));
     report.step(QStringLiteral("trades: %1 rows in transactions of 100,000").arg(trades.rowCount()));
+    QCoreApplication::processEvents(); // the positions view catches up
+    out() << "  positions: " << positions.rowCount() - 1 << " instruments, " << positionUpdates << " updates\n";
+    for (int row = 0; row < 3 && row < positions.rowCount(); ++row) {
+        out() << "   ";
+        for (int column = 0; column < positions.columnCount(); ++column)
+            out() << " " << positions.headerData(column, Qt::Horizontal).toString() << " "
+                  << positions.data(positions.index(row, column)).toString();
+        out() << "\n";
+    }
 
     int updated = 0, fewest = INT_MAX, most = 0, others = 0;
     for (int batch = 0; batch < 20; ++batch) {
@@ -289,6 +311,10 @@ int main(int argc, char *argv[])
                     .arg(count / 10)
                     .arg(trades.rowCount())
                     .arg(latest.at(0).data(Id).toString()));
+    QCoreApplication::processEvents();
+    out() << "  positions at the close: " << positions.rowCount() - 1 << " instruments, "
+          << positions.data(positions.index(0, 4)).toString() << " trades, VWAP "
+          << positions.data(positions.index(0, 2)).toString() << ", " << positionUpdates << " updates through the day\n";
     out() << "  cheapest trade: " << byPrice.at(0).data(Price).toString() << " on "
           << byPrice.at(0).data(Code).toString() << ", dearest: " << byPrice.at(byPrice.count() - 1).data(Price).toString()
           << "\n";

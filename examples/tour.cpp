@@ -233,6 +233,55 @@ int shown = model.rowCount();                   // 1
     expect(model.data(model.index(0, 1)).toString() == QLatin1String("101.25"), "live model cell");
 }
 
+void liveQueries()
+{
+    Table trades("trades");
+    trades.addColumn("id", FieldType::Integer64, 0, false);
+    trades.addColumn("board", FieldType::String, 4);
+    trades.addColumn("code", FieldType::String, 12);
+    trades.addColumn("price", FieldType::Decimal, 2);
+    trades.addColumn("qty", FieldType::Decimal, 0);
+    trades.addColumn("time", FieldType::DateTime);
+    auto add = [&trades](long long id, const char *board, const char *code, const char *price, const char *qty) {
+        TableUpdater batch(&trades);
+        Record trade(&trades);
+        trade.data("id") = id;
+        trade.data("board") = QString(board);
+        trade.data("code") = QString(code);
+        trade.data("price") = QString(price);
+        trade.data("qty") = QString(qty);
+        trade.append();
+    };
+    add(1, "TQBR", "ABC", "10.00", "100");
+    add(2, "TQBR", "ABC", "11.00", "300");
+    add(3, "SMAL", "XYZ", "5.00", "2000");
+
+// Positions: trades grouped by instrument, with a total row first.
+LiveQueryModel positions(&trades, LiveQuery()
+    .where(QueryFilter::column("board", QueryFilter::Equal, "TQBR"))
+    .groupBy({"code"})
+    .aggregate(QueryAggregate::sum("qty"))                    // a decimal column sums to a decimal
+    .aggregate(QueryAggregate::weightedAverage("price", "qty", "VWAP"))
+    .aggregate(QueryAggregate::last("price"))
+    .aggregate(QueryAggregate::count())
+    .withTotal());
+
+// A blotter: newest first, three columns, big trades or one board.
+LiveQueryModel blotter(&trades, LiveQuery()
+    .select({"time", "code", "price"})
+    .where(QueryFilter::column("qty", QueryFilter::GreaterEqual, 1000)
+           || QueryFilter::column("board", QueryFilter::Equal, "SMAL"))
+    .orderBy("time", Qt::DescendingOrder));
+
+    expect(positions.rowCount() == 2 && blotter.rowCount() == 1, "live queries");
+    // VWAP of ABC: (10 x 100 + 11 x 300) / 400 = 10.75, exact.
+    expect(positions.data(positions.index(1, 2), LiveQueryModel::ValueRole).value<decimal>() == decimal(1075, 2),
+           "live query VWAP");
+    add(4, "TQBR", "ABC", "12.00", "400");
+    QCoreApplication::processEvents();
+    expect(positions.data(positions.index(1, 1)).toString() == QLatin1String("800"), "live query update");
+}
+
 void savingAndLoading(Table &positions)
 {
     QDir().mkpath("data");
@@ -290,6 +339,7 @@ int main(int argc, char *argv[])
     watchAndLimit();
     joins();
     views();
+    liveQueries();
     runtimeServices();
     std::printf(failures ? "tour: %d failures\n" : "tour: every snippet ran\n", failures);
     return failures ? 1 : 0;

@@ -18,6 +18,7 @@
 #include "indexlist.h"
 #include "indexsort.h"
 #include "indexvector.h"
+#include "livequery.h"
 #include "logfile.h"
 #include "masterindex.h"
 #include "masterindex_fast.h"

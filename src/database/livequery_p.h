@@ -1,0 +1,267 @@
+#ifndef DATABASE_LIVEQUERY_P_H
+#define DATABASE_LIVEQUERY_P_H
+
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the database API. It exists for the convenience
+// of the library's own sources and may change from version to version
+// without notice.
+//
+
+#include "datetime.h"
+#include "decimal.h"
+#include "index.h"
+#include "indexsort.h"
+#include "livequery.h"
+
+#include <QtCore/QAbstractTableModel>
+#include <QtCore/QEvent>
+#include <QtCore/QPointer>
+
+#include <map>
+#include <unordered_map>
+#include <vector>
+
+class TableModel;
+
+namespace livequery {
+
+// A column's value copied out of a row, ordered as queries order values:
+// null first, then by value. Kinds follow the column type; a board list is
+// kept as its text.
+struct Value
+{
+    enum Kind : quint8 { Null, Int, Double, Decimal, DateTime, Text };
+
+    Kind kind = Null;
+    long long i = 0; // Int; Decimal's word; DateTime's stamp
+    double d = 0;
+    QString s;
+
+    static Value of(const Field &field);
+    int compare(const Value &other) const;
+    bool operator==(const Value &other) const { return compare(other) == 0; }
+    bool operator<(const Value &other) const { return compare(other) < 0; }
+    size_t hash() const;
+    QVariant toVariant() const;
+    QString toDisplay() const;
+    // A double for SortRole (a decimal's value), else toVariant().
+    QVariant toSortValue() const;
+};
+
+using Key = std::vector<Value>;
+
+struct KeyHash
+{
+    size_t operator()(const Key &key) const
+    {
+        size_t h = 0x9E3779B97F4A7C15ull;
+        for (const Value &v : key)
+            h = (h ^ v.hash()) * 0x100000001B3ull;
+        return h;
+    }
+};
+
+// A filter resolved against a table: column numbers and typed values.
+class Filter
+{
+public:
+    Filter() = default;
+    Filter(const Table *table, const QueryFilter &filter);
+    bool accepts(const Record &record) const;
+
+private:
+    struct Node
+    {
+        enum Kind { Compare, Predicate, And, Or, Not } kind;
+        int column = -1;
+        QueryFilter::Operator op = QueryFilter::Equal;
+        Value value;
+        std::function<bool(const Record &)> predicate;
+        std::vector<Node> children;
+    };
+    static Node resolve(const Table *table, const QueryFilterNode &node);
+    static bool test(const Node &node, const Record &record);
+
+    std::vector<Node> m_root; // empty: accept all
+};
+
+// Resolves a column name, throwing the library's message.
+int columnOf(const Table *table, const QString &name);
+
+// The flat query's index: the accepted rows in the order of the sort keys,
+// ties by the master index.
+class SortIndex : public IndexSort
+{
+public:
+    SortIndex(Table *table, const LiveQuery &query);
+
+    int compare(const Record &a, const Record &b) const override;
+    bool filter(const Record &record) const override;
+    QString getClassName() const override;
+
+private:
+    struct SortColumn
+    {
+        int column;
+        int sign;
+    };
+    std::vector<SortColumn> m_sort;
+    Filter m_filter;
+};
+
+class GroupModel;
+
+// The grouped query's state, kept by the table as an index. Everything here
+// runs under the table's lock.
+class GroupIndex : public Index
+{
+public:
+    struct Acc
+    {
+        long long n = 0;           // values taken
+        __int128 exact = 0;        // integer or decimal mantissa sum; weighted: product sum
+        __int128 exactWeight = 0;  // weighted: weight sum
+        double sum = 0;            // double sums
+        double weight = 0;
+        std::map<Value, int> values; // min and max: the multiset
+    };
+    struct Group
+    {
+        Key key;
+        long long count = 0;
+        std::vector<Acc> accs;
+        // The rows in the order they entered: first and last.
+        unsigned char *head = nullptr;
+        unsigned char *tail = nullptr;
+        bool dirty = false;
+    };
+    // What a row gave: to take it back when the row changes.
+    struct Contribution
+    {
+        int group = -1;
+        unsigned char *prev = nullptr;
+        unsigned char *next = nullptr;
+        // The same for every accepted row: the total's first and last.
+        unsigned char *totalPrev = nullptr;
+        unsigned char *totalNext = nullptr;
+        std::vector<Value> values; // per aggregate: value (weighted: value then weight in `weights`)
+        std::vector<Value> weights;
+    };
+
+    GroupIndex(Table *table, const LiveQuery &query, GroupModel *model);
+
+    using Index::build;
+    using Index::clear;
+    void clear() override;
+    void build() override;
+    void add(const Record &record) override;
+    void process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn, int lastColumn,
+                 const QList<Record> &inserted) override;
+    void remove(const Record &record, int position) override;
+    bool filter(const Record &record) const override { return m_filter.accepts(record); }
+    bool contains(const Record &record) const override;
+    void update(const Record &record, int firstColumn, int lastColumn, int position) override;
+    void beginUpdate() override;
+    void endUpdate() override;
+    QString getClassName() const override;
+
+    // The model's side, under the lock. A snapshot row: the key's values and
+    // each aggregate's, as value and display text.
+    struct Row
+    {
+        Key key;
+        std::vector<QVariant> values;
+        std::vector<QString> texts;
+        std::vector<QVariant> sortValues;
+    };
+    // Groups changed since the last take: the live ones as rows, the keys
+    // of those that emptied. `reset`: the whole state was rebuilt.
+    void take(std::vector<Row> &changed, std::vector<Key> &gone, Row *total, bool *reset);
+    void snapshotAll(std::vector<Row> &rows, Row *total);
+    bool hasChanges() const { return m_reset || !m_dirty.empty() || m_totalDirty; }
+    Table *table() const { return m_table; }
+    const std::vector<int> &groupColumns() const { return m_groupColumns; }
+
+private:
+    struct Agg
+    {
+        QueryAggregate::Kind kind;
+        int column;
+        int weightColumn;
+        FieldType::Type type;
+        int scale;
+    };
+    void addRow(const Record &record);
+    void removeRow(unsigned char *row);
+    // Into and out of a group (not the total's order).
+    void join(unsigned char *row, Contribution &c, int group, const Record &record);
+    void leave(Contribution &c);
+    void contribute(Acc &acc, const Agg &agg, const Value &value, const Value &weight, int sign);
+    int groupOf(const Key &key);
+    void markDirty(int group);
+    void changed();
+    Row rowOf(const Group &group) const;
+    QVariant result(const Group &group, size_t a, const Agg &agg, const Acc &acc, QString *text,
+                    QVariant *sortValue) const;
+
+    Table *m_table;
+    GroupModel *m_model;
+    Filter m_filter;
+    std::vector<int> m_groupColumns;
+    std::vector<Agg> m_aggs;
+    bool m_withTotal;
+
+    std::vector<Group> m_groups;
+    std::vector<int> m_free;
+    std::unordered_map<Key, int, KeyHash> m_byKey;
+    std::unordered_map<unsigned char *, Contribution> m_rows;
+    Group m_total;
+
+    std::vector<int> m_dirty;
+    bool m_totalDirty = false;
+    bool m_reset = true;
+    int m_batch = 0;
+};
+
+// The grouped query's item model (the source of LiveQueryModel).
+class GroupModel : public QAbstractTableModel
+{
+public:
+    static const QEvent::Type UpdateEvent;
+
+    GroupModel(Table *table, const LiveQuery &query, QObject *parent);
+    ~GroupModel() override;
+
+    int rowCount(const QModelIndex &parent = QModelIndex()) const override;
+    int columnCount(const QModelIndex &parent = QModelIndex()) const override;
+    QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
+
+    void update();
+    bool hasPendingChanges() const;
+    // From the index, under the table's lock.
+    void post();
+
+    std::function<void()> onUpdated;
+
+protected:
+    bool event(QEvent *event) override;
+
+private:
+    int rowOfKey(const livequery::Key &key, bool *found) const;
+
+    QPointer<Table> m_table;
+    std::unique_ptr<GroupIndex> m_index;
+    QStringList m_headers;
+    bool m_withTotal;
+    int m_keyColumns;
+    std::vector<GroupIndex::Row> m_rows; // total first, when there is one
+    bool m_posted = false;                // under the table's lock
+};
+
+} // namespace livequery
+
+#endif // DATABASE_LIVEQUERY_P_H

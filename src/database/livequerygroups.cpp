@@ -1,0 +1,749 @@
+#include "livequery_p.h"
+
+#include "exception.h"
+#include "masterindex.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QLocale>
+
+#include <algorithm>
+
+using namespace livequery;
+
+namespace {
+
+bool exactKind(const Value &v)
+{
+    return v.kind == Value::Int || v.kind == Value::Decimal;
+}
+
+// An exact number's mantissa: the integer, or the decimal's digits at its
+// column's scale.
+long long mantissa(const Value &v)
+{
+    return v.kind == Value::Decimal ? decimal::from56s7(v.i).value() : v.i;
+}
+
+double number(const Value &v)
+{
+    switch (v.kind) {
+    case Value::Int:
+        return static_cast<double>(v.i);
+    case Value::Double:
+        return v.d;
+    case Value::Decimal:
+        return decimal::from56s7(v.i).toDouble();
+    default:
+        return 0;
+    }
+}
+
+// a / b rounded half away from zero; b != 0.
+long long divideRounded(__int128 a, __int128 b)
+{
+    __int128 q = a / b;
+    const __int128 r = a % b;
+    const __int128 twice = (r < 0 ? -r : r) * 2;
+    if (twice >= (b < 0 ? -b : b))
+        q += ((a < 0) != (b < 0)) ? -1 : 1;
+    return static_cast<long long>(q);
+}
+
+bool numeric(FieldType::Type type)
+{
+    return type == FieldType::Integer || type == FieldType::Integer64 || type == FieldType::Double
+        || type == FieldType::Decimal;
+}
+
+QString numberText(double value)
+{
+    return QLocale::system().toString(value, 'g', 12);
+}
+
+Key keyOf(const Record &record, const std::vector<int> &columns)
+{
+    Key key;
+    key.reserve(columns.size());
+    for (int column : columns)
+        key.push_back(Value::of(record.data(column)));
+    return key;
+}
+
+int compareKeys(const Key &a, const Key &b)
+{
+    for (size_t k = 0; k < a.size() && k < b.size(); ++k) {
+        const int c = a[k].compare(b[k]);
+        if (c != 0)
+            return c;
+    }
+    return a.size() < b.size() ? -1 : (a.size() > b.size() ? 1 : 0);
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// The state
+
+GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
+    : m_table(table)
+    , m_model(model)
+    , m_filter(table, query.filter())
+    , m_withTotal(query.hasTotal())
+{
+    for (const QString &name : query.groupColumns())
+        m_groupColumns.push_back(columnOf(table, name));
+    for (const QueryAggregate &a : query.aggregates()) {
+        Agg agg{a.kind, -1, -1, FieldType::Invalid, 0};
+        if (a.kind != QueryAggregate::Count) {
+            agg.column = columnOf(table, a.column);
+            agg.type = table->columnType(agg.column);
+            agg.scale = table->columnDef(agg.column).length;
+            const bool arithmetic = a.kind == QueryAggregate::Sum || a.kind == QueryAggregate::Average
+                || a.kind == QueryAggregate::WeightedAverage;
+            if (arithmetic && !numeric(agg.type))
+                throw Exception(QStringLiteral("Column '%1' of table '%2' is not a number.").arg(a.column, table->name()));
+        }
+        if (a.kind == QueryAggregate::WeightedAverage) {
+            agg.weightColumn = columnOf(table, a.weightColumn);
+            if (!numeric(table->columnType(agg.weightColumn)))
+                throw Exception(
+                    QStringLiteral("Column '%1' of table '%2' is not a number.").arg(a.weightColumn, table->name()));
+        }
+        m_aggs.push_back(agg);
+    }
+    m_total.accs.resize(m_aggs.size());
+}
+
+void GroupIndex::contribute(Acc &acc, const Agg &agg, const Value &value, const Value &weight, int sign)
+{
+    switch (agg.kind) {
+    case QueryAggregate::Count:
+    case QueryAggregate::First:
+    case QueryAggregate::Last:
+        return;
+    case QueryAggregate::Sum:
+    case QueryAggregate::Average:
+        if (value.kind == Value::Null)
+            return;
+        acc.n += sign;
+        if (exactKind(value))
+            acc.exact += sign * static_cast<__int128>(mantissa(value));
+        else
+            acc.sum += sign * value.d;
+        break;
+    case QueryAggregate::Min:
+    case QueryAggregate::Max: {
+        if (value.kind == Value::Null)
+            return;
+        acc.n += sign;
+        auto it = acc.values.emplace(value, 0).first;
+        it->second += sign;
+        if (it->second == 0)
+            acc.values.erase(it);
+        break;
+    }
+    case QueryAggregate::WeightedAverage:
+        if (value.kind == Value::Null || weight.kind == Value::Null)
+            return;
+        acc.n += sign;
+        if (exactKind(value) && exactKind(weight)) {
+            acc.exact += sign * static_cast<__int128>(mantissa(value)) * mantissa(weight);
+            acc.exactWeight += sign * static_cast<__int128>(mantissa(weight));
+        } else {
+            acc.sum += sign * number(value) * number(weight);
+            acc.weight += sign * number(weight);
+        }
+        break;
+    }
+    if (acc.n == 0) {
+        // Empty again: no rounding left over from the values taken back.
+        acc.sum = 0;
+        acc.weight = 0;
+    }
+}
+
+int GroupIndex::groupOf(const Key &key)
+{
+    const auto found = m_byKey.find(key);
+    if (found != m_byKey.end())
+        return found->second;
+    int id;
+    if (!m_free.empty()) {
+        id = m_free.back();
+        m_free.pop_back();
+    } else {
+        id = static_cast<int>(m_groups.size());
+        m_groups.emplace_back();
+    }
+    Group &group = m_groups[static_cast<size_t>(id)];
+    group = Group();
+    group.key = key;
+    group.accs.resize(m_aggs.size());
+    m_byKey.emplace(key, id);
+    return id;
+}
+
+void GroupIndex::markDirty(int id)
+{
+    Group &group = m_groups[static_cast<size_t>(id)];
+    if (!group.dirty) {
+        group.dirty = true;
+        m_dirty.push_back(id);
+    }
+    m_totalDirty = m_withTotal;
+}
+
+void GroupIndex::join(unsigned char *row, Contribution &c, int id, const Record &record)
+{
+    c.group = id;
+    Group &group = m_groups[static_cast<size_t>(id)];
+    for (size_t a = 0; a < m_aggs.size(); ++a) {
+        const Agg &agg = m_aggs[a];
+        if (agg.kind == QueryAggregate::Count || agg.kind == QueryAggregate::First || agg.kind == QueryAggregate::Last)
+            continue;
+        c.values[a] = Value::of(record.data(agg.column));
+        if (agg.weightColumn >= 0)
+            c.weights[a] = Value::of(record.data(agg.weightColumn));
+        contribute(group.accs[a], agg, c.values[a], c.weights[a], 1);
+        contribute(m_total.accs[a], agg, c.values[a], c.weights[a], 1);
+    }
+    ++group.count;
+    // Last in its group's entry order.
+    c.prev = group.tail;
+    c.next = nullptr;
+    if (group.tail)
+        m_rows[group.tail].next = row;
+    else
+        group.head = row;
+    group.tail = row;
+    markDirty(id);
+}
+
+void GroupIndex::leave(Contribution &c)
+{
+    Group &group = m_groups[static_cast<size_t>(c.group)];
+    for (size_t a = 0; a < m_aggs.size(); ++a) {
+        contribute(group.accs[a], m_aggs[a], c.values[a], c.weights[a], -1);
+        contribute(m_total.accs[a], m_aggs[a], c.values[a], c.weights[a], -1);
+        c.values[a] = Value();
+        c.weights[a] = Value();
+    }
+    --group.count;
+    if (c.prev)
+        m_rows[c.prev].next = c.next;
+    else
+        group.head = c.next;
+    if (c.next)
+        m_rows[c.next].prev = c.prev;
+    else
+        group.tail = c.prev;
+    markDirty(c.group);
+}
+
+void GroupIndex::addRow(const Record &record)
+{
+    unsigned char *row = record.rowPtr();
+    if (!row || m_rows.count(row) || !m_filter.accepts(record))
+        return;
+    const int id = groupOf(keyOf(record, m_groupColumns));
+    Contribution &c = m_rows[row];
+    c.values.resize(m_aggs.size());
+    c.weights.resize(m_aggs.size());
+    join(row, c, id, record);
+    ++m_total.count;
+    c.totalPrev = m_total.tail;
+    c.totalNext = nullptr;
+    if (m_total.tail)
+        m_rows[m_total.tail].totalNext = row;
+    else
+        m_total.head = row;
+    m_total.tail = row;
+}
+
+void GroupIndex::removeRow(unsigned char *row)
+{
+    const auto found = m_rows.find(row);
+    if (found == m_rows.end())
+        return;
+    Contribution &c = found->second;
+    leave(c);
+    --m_total.count;
+    if (c.totalPrev)
+        m_rows[c.totalPrev].totalNext = c.totalNext;
+    else
+        m_total.head = c.totalNext;
+    if (c.totalNext)
+        m_rows[c.totalNext].totalPrev = c.totalPrev;
+    else
+        m_total.tail = c.totalPrev;
+    m_rows.erase(found);
+}
+
+void GroupIndex::changed()
+{
+    if (m_batch == 0 && m_model)
+        m_model->post();
+}
+
+void GroupIndex::clear()
+{
+    m_groups.clear();
+    m_free.clear();
+    m_byKey.clear();
+    m_rows.clear();
+    m_total = Group();
+    m_total.accs.resize(m_aggs.size());
+    m_dirty.clear();
+    m_totalDirty = false;
+    m_reset = true;
+    changed();
+}
+
+void GroupIndex::build()
+{
+    if (MasterIndex *master = m_table->masterIndex()) {
+        m_rows.reserve(static_cast<size_t>(master->count()));
+        for (const Record &record : *master)
+            addRow(record);
+    }
+    m_reset = true;
+    changed();
+}
+
+void GroupIndex::add(const Record &record)
+{
+    addRow(record);
+    changed();
+}
+
+void GroupIndex::remove(const Record &record, int)
+{
+    removeRow(record.rowPtr());
+    changed();
+}
+
+void GroupIndex::update(const Record &record, int, int, int)
+{
+    unsigned char *row = record.rowPtr();
+    const auto found = m_rows.find(row);
+    if (found == m_rows.end() || !m_filter.accepts(record)) {
+        removeRow(row);
+        addRow(record);
+        changed();
+        return;
+    }
+    // Still in the view: it keeps its place in the total's order, and in
+    // its group's when the group stays.
+    Contribution &c = found->second;
+    Key key = keyOf(record, m_groupColumns);
+    if (compareKeys(key, m_groups[static_cast<size_t>(c.group)].key) == 0) {
+        Group &group = m_groups[static_cast<size_t>(c.group)];
+        for (size_t a = 0; a < m_aggs.size(); ++a) {
+            const Agg &agg = m_aggs[a];
+            if (agg.column < 0 || agg.kind == QueryAggregate::First || agg.kind == QueryAggregate::Last)
+                continue;
+            Value value = Value::of(record.data(agg.column));
+            Value weight = agg.weightColumn >= 0 ? Value::of(record.data(agg.weightColumn)) : Value();
+            contribute(group.accs[a], agg, c.values[a], c.weights[a], -1);
+            contribute(m_total.accs[a], agg, c.values[a], c.weights[a], -1);
+            contribute(group.accs[a], agg, value, weight, 1);
+            contribute(m_total.accs[a], agg, value, weight, 1);
+            c.values[a] = std::move(value);
+            c.weights[a] = std::move(weight);
+        }
+        markDirty(c.group);
+    } else {
+        leave(c);
+        join(row, c, groupOf(key), record);
+    }
+    changed();
+}
+
+void GroupIndex::process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn, int lastColumn,
+                         const QList<Record> &inserted)
+{
+    ++m_batch; // one post for the whole batch
+    for (const Record &record : removed)
+        removeRow(record.rowPtr());
+    for (const Record &record : updated)
+        update(record, firstColumn, lastColumn, -1);
+    for (const Record &record : inserted)
+        addRow(record);
+    --m_batch;
+    changed();
+}
+
+bool GroupIndex::contains(const Record &record) const
+{
+    return m_rows.count(record.rowPtr()) != 0;
+}
+
+void GroupIndex::beginUpdate()
+{
+    ++m_batch;
+}
+
+void GroupIndex::endUpdate()
+{
+    // An index added while its creator's own batch was open hears the end
+    // without the beginning.
+    if (m_batch > 0)
+        --m_batch;
+    if (hasChanges())
+        changed();
+}
+
+QString GroupIndex::getClassName() const
+{
+    return QStringLiteral("LiveQueryGroupIndex");
+}
+
+QVariant GroupIndex::result(const Group &group, size_t a, const Agg &agg, const Acc &acc, QString *text,
+                            QVariant *sortValue) const
+{
+    Q_UNUSED(a)
+    QVariant value;
+    auto columnValue = [&](const Value &v) {
+        *text = v.toDisplay();
+        *sortValue = v.toSortValue();
+        return v.toVariant();
+    };
+    auto doubleValue = [&](double x) {
+        *text = numberText(x);
+        *sortValue = x;
+        return QVariant(x);
+    };
+    auto decimalValue = [&](long long m) {
+        const decimal dec(m, static_cast<short>(agg.scale));
+        *text = dec.toSystemString();
+        *sortValue = dec.toDouble();
+        return dec.toVariant();
+    };
+    text->clear();
+    *sortValue = QVariant();
+    switch (agg.kind) {
+    case QueryAggregate::Count:
+        *text = QLocale::system().toString(group.count);
+        *sortValue = group.count;
+        return QVariant(group.count);
+    case QueryAggregate::Sum:
+        if (acc.n == 0)
+            return value;
+        if (agg.type == FieldType::Decimal)
+            return decimalValue(static_cast<long long>(acc.exact));
+        if (agg.type == FieldType::Double)
+            return doubleValue(acc.sum);
+        *text = QLocale::system().toString(static_cast<qlonglong>(acc.exact));
+        *sortValue = static_cast<qlonglong>(acc.exact);
+        return QVariant(static_cast<qlonglong>(acc.exact));
+    case QueryAggregate::Average:
+        if (acc.n == 0)
+            return value;
+        if (agg.type == FieldType::Decimal)
+            return decimalValue(divideRounded(acc.exact, acc.n));
+        if (agg.type == FieldType::Double)
+            return doubleValue(acc.sum / static_cast<double>(acc.n));
+        return doubleValue(static_cast<double>(acc.exact) / static_cast<double>(acc.n));
+    case QueryAggregate::WeightedAverage: {
+        if (acc.n == 0)
+            return value;
+        const bool exact = agg.type != FieldType::Double
+            && m_table->columnType(agg.weightColumn) != FieldType::Double;
+        if (exact) {
+            if (acc.exactWeight == 0)
+                return value;
+            if (agg.type == FieldType::Decimal)
+                return decimalValue(divideRounded(acc.exact, acc.exactWeight));
+            return doubleValue(static_cast<double>(acc.exact) / static_cast<double>(acc.exactWeight));
+        }
+        if (acc.weight == 0)
+            return value;
+        return doubleValue(acc.sum / acc.weight);
+    }
+    case QueryAggregate::Min:
+        return acc.values.empty() ? value : columnValue(acc.values.begin()->first);
+    case QueryAggregate::Max:
+        return acc.values.empty() ? value : columnValue(acc.values.rbegin()->first);
+    case QueryAggregate::First:
+    case QueryAggregate::Last: {
+        unsigned char *row = agg.kind == QueryAggregate::First ? group.head : group.tail;
+        if (!row)
+            return value;
+        // The row is the table's and in it (a row leaves its group before
+        // it leaves the table).
+        auto *def = const_cast<TableColumnDef *>(&m_table->columnDef(agg.column));
+        return columnValue(Value::of(Field(def, row + Table::base)));
+    }
+    }
+    return value;
+}
+
+GroupIndex::Row GroupIndex::rowOf(const Group &group) const
+{
+    Row row;
+    row.key = group.key;
+    const size_t width = m_groupColumns.size() + m_aggs.size();
+    row.values.resize(width);
+    row.texts.resize(width);
+    row.sortValues.resize(width);
+    for (size_t k = 0; k < group.key.size(); ++k) {
+        row.values[k] = group.key[k].toVariant();
+        row.texts[k] = group.key[k].toDisplay();
+        row.sortValues[k] = group.key[k].toSortValue();
+    }
+    for (size_t a = 0; a < m_aggs.size(); ++a) {
+        const size_t at = m_groupColumns.size() + a;
+        row.values[at] = result(group, a, m_aggs[a], group.accs[a], &row.texts[at], &row.sortValues[at]);
+    }
+    return row;
+}
+
+void GroupIndex::take(std::vector<Row> &changed, std::vector<Key> &gone, Row *total, bool *reset)
+{
+    *reset = m_reset;
+    m_reset = false;
+    for (int id : m_dirty) {
+        Group &group = m_groups[static_cast<size_t>(id)];
+        group.dirty = false;
+        if (*reset)
+            continue;
+        if (group.count == 0)
+            gone.push_back(group.key);
+        else
+            changed.push_back(rowOf(group));
+    }
+    // Emptied groups leave for good now that the model has heard of them.
+    for (int id : m_dirty) {
+        Group &group = m_groups[static_cast<size_t>(id)];
+        if (group.count == 0 && !group.key.empty() && m_byKey.erase(group.key)) {
+            group = Group();
+            m_free.push_back(id);
+        }
+    }
+    m_dirty.clear();
+    if (m_withTotal && (m_totalDirty || *reset))
+        *total = rowOf(m_total);
+    m_totalDirty = false;
+}
+
+void GroupIndex::snapshotAll(std::vector<Row> &rows, Row *total)
+{
+    rows.clear();
+    rows.reserve(m_byKey.size());
+    for (const auto &entry : m_byKey) {
+        const Group &group = m_groups[static_cast<size_t>(entry.second)];
+        if (group.count > 0)
+            rows.push_back(rowOf(group));
+    }
+    std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return compareKeys(a.key, b.key) < 0; });
+    if (m_withTotal)
+        *total = rowOf(m_total);
+}
+
+// ---------------------------------------------------------------------------
+// The model
+
+const QEvent::Type GroupModel::UpdateEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
+
+GroupModel::GroupModel(Table *table, const LiveQuery &query, QObject *parent)
+    : QAbstractTableModel(parent)
+    , m_table(table)
+    , m_withTotal(query.hasTotal())
+    , m_keyColumns(query.groupColumns().size())
+{
+    TableLocker locker(table);
+    m_index = std::make_unique<GroupIndex>(table, query, this);
+    for (int column : m_index->groupColumns()) {
+        const QString title = table->columnTitle(column);
+        m_headers << (title.isEmpty() ? table->columnName(column) : title);
+    }
+    for (const QueryAggregate &a : query.aggregates())
+        m_headers << a.header();
+    m_index->build();
+    table->addIndex(m_index.get());
+    GroupIndex::Row total;
+    bool reset = false;
+    std::vector<GroupIndex::Row> ignored;
+    std::vector<Key> gone;
+    m_index->take(ignored, gone, &total, &reset);
+    m_index->snapshotAll(m_rows, &total);
+    if (m_withTotal)
+        m_rows.insert(m_rows.begin(), std::move(total));
+    m_posted = false;
+}
+
+GroupModel::~GroupModel()
+{
+    if (m_table) {
+        TableLocker locker(m_table);
+        m_table->removeIndex(m_index.get());
+    }
+}
+
+void GroupModel::post()
+{
+    if (m_posted)
+        return;
+    m_posted = true;
+    QCoreApplication::postEvent(this, new QEvent(UpdateEvent));
+}
+
+bool GroupModel::hasPendingChanges() const
+{
+    if (!m_table)
+        return false;
+    TableLocker locker(m_table);
+    return m_index->hasChanges();
+}
+
+bool GroupModel::event(QEvent *event)
+{
+    if (event->type() == UpdateEvent) {
+        update();
+        return true;
+    }
+    return QAbstractTableModel::event(event);
+}
+
+int GroupModel::rowOfKey(const Key &key, bool *found) const
+{
+    const int from = m_withTotal ? 1 : 0;
+    const auto begin = m_rows.begin() + from;
+    const auto at = std::lower_bound(begin, m_rows.end(), key, [](const GroupIndex::Row &row, const Key &k) {
+        return compareKeys(row.key, k) < 0;
+    });
+    *found = at != m_rows.end() && compareKeys(at->key, key) == 0;
+    return static_cast<int>(at - m_rows.begin());
+}
+
+void GroupModel::update()
+{
+    std::vector<GroupIndex::Row> changed;
+    std::vector<Key> gone;
+    GroupIndex::Row total;
+    bool reset = false;
+    if (!m_table) {
+        if (!m_rows.empty()) {
+            beginResetModel();
+            m_rows.clear();
+            endResetModel();
+        }
+        return;
+    }
+    {
+        TableLocker locker(m_table);
+        m_posted = false;
+        if (!m_index->hasChanges())
+            return;
+        m_index->take(changed, gone, &total, &reset);
+        if (reset)
+            m_index->snapshotAll(changed, &total);
+    }
+    if (reset) {
+        beginResetModel();
+        m_rows = std::move(changed);
+        if (m_withTotal)
+            m_rows.insert(m_rows.begin(), std::move(total));
+        endResetModel();
+        if (onUpdated)
+            onUpdated();
+        return;
+    }
+    for (const Key &key : gone) {
+        bool found;
+        const int row = rowOfKey(key, &found);
+        if (!found)
+            continue;
+        beginRemoveRows(QModelIndex(), row, row);
+        m_rows.erase(m_rows.begin() + row);
+        endRemoveRows();
+    }
+    std::sort(changed.begin(), changed.end(),
+              [](const GroupIndex::Row &a, const GroupIndex::Row &b) { return compareKeys(a.key, b.key) < 0; });
+    // New groups go in first, at their places; then the changed ones are
+    // changed and announced a run of adjacent rows at a time.
+    std::vector<GroupIndex::Row *> inPlace;
+    for (GroupIndex::Row &incoming : changed) {
+        bool found;
+        const int row = rowOfKey(incoming.key, &found);
+        if (found) {
+            inPlace.push_back(&incoming);
+            continue;
+        }
+        beginInsertRows(QModelIndex(), row, row);
+        m_rows.insert(m_rows.begin() + row, std::move(incoming));
+        endInsertRows();
+    }
+    const int lastColumn = columnCount() - 1;
+    if (m_withTotal && !total.values.empty()) {
+        m_rows.front() = std::move(total);
+        Q_EMIT dataChanged(index(0, 0), index(0, lastColumn));
+    }
+    size_t k = 0;
+    while (k < inPlace.size()) {
+        bool found;
+        const int first = rowOfKey(inPlace[k]->key, &found);
+        int last = first;
+        m_rows[static_cast<size_t>(first)] = std::move(*inPlace[k]);
+        ++k;
+        while (k < inPlace.size() && last + 1 < static_cast<int>(m_rows.size())
+               && compareKeys(m_rows[static_cast<size_t>(last + 1)].key, inPlace[k]->key) == 0) {
+            ++last;
+            m_rows[static_cast<size_t>(last)] = std::move(*inPlace[k]);
+            ++k;
+        }
+        Q_EMIT dataChanged(index(first, 0), index(last, lastColumn));
+    }
+    if (onUpdated)
+        onUpdated();
+}
+
+int GroupModel::rowCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : static_cast<int>(m_rows.size());
+}
+
+int GroupModel::columnCount(const QModelIndex &parent) const
+{
+    return parent.isValid() ? 0 : m_headers.size();
+}
+
+QVariant GroupModel::data(const QModelIndex &index, int role) const
+{
+    if (!checkIndex(index, CheckIndexOption::IndexIsValid | CheckIndexOption::ParentIsInvalid))
+        return QVariant();
+    const GroupIndex::Row &row = m_rows[static_cast<size_t>(index.row())];
+    const size_t column = static_cast<size_t>(index.column());
+    const bool totalRow = m_withTotal && index.row() == 0;
+    if (totalRow && column < static_cast<size_t>(m_keyColumns)) {
+        if (column == 0 && (role == Qt::DisplayRole || role == Qt::EditRole || role >= Qt::UserRole))
+            return QStringLiteral("Total");
+        return QVariant();
+    }
+    if (column >= row.values.size())
+        return QVariant();
+    switch (role) {
+    case Qt::DisplayRole:
+        return row.values[column].isValid() ? QVariant(row.texts[column]) : QVariant();
+    case Qt::EditRole:
+    case Qt::UserRole: // ValueRole
+        return row.values[column];
+    case Qt::UserRole + 1: // SortRole
+        return row.sortValues[column];
+    case Qt::TextAlignmentRole: {
+        const int type = row.values[column].userType();
+        const bool number = type == QMetaType::Int || type == QMetaType::LongLong || type == QMetaType::Double
+            || type == decimal::metatypeId();
+        return number ? QVariant(Qt::AlignRight | Qt::AlignVCenter) : QVariant();
+    }
+    default:
+        return QVariant();
+    }
+}
+
+QVariant GroupModel::headerData(int section, Qt::Orientation orientation, int role) const
+{
+    if (orientation == Qt::Horizontal && role == Qt::DisplayRole && section >= 0 && section < m_headers.size())
+        return m_headers.at(section);
+    return QAbstractTableModel::headerData(section, orientation, role);
+}
