@@ -52,6 +52,7 @@ bench-peers: deps
 	@sh scripts/install-deps.sh --peers
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DDATABASE_BUILD_PEERS=ON $(CMAKE_FLAGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS) --target peers
+	cd $(BUILD_DIR)/bench/perspective && npm install --no-audit --no-fund --loglevel=error
 	./$(BUILD_DIR)/bench/peers --out $(BUILD_DIR)/bench/peers.tsv $(WORKLOAD_ARGS)
 
 # The whole test suite under AddressSanitizer (leaks included) and
@@ -70,7 +71,7 @@ sanitize: deps
 tsan: deps
 	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_TSAN=ON \
 	    -DDATABASE_BUILD_BENCHMARKS=OFF -DDATABASE_BUILD_EXAMPLES=OFF -DDATABASE_INSTALL=OFF $(CMAKE_FLAGS)
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test tablemodel_test joinstress_test tablefile_test
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test tablemodel_test joinstress_test tablefile_test livequery_test
 	cd $(TSAN_DIR) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	    ctest --output-on-failure -L concurrency
 

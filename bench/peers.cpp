@@ -528,6 +528,60 @@ double newtonImplied(const Quote &q, double price)
     return -1;
 }
 
+// W9 on the streaming engine peer: the rows and the first 100,000 of W2's
+// updates go to a file that bench/perspective/w9.mjs reads in Node.js,
+// which times the same steps and prints "seconds items check".
+Result perspectiveW9(int n, const char *mode)
+{
+    const std::vector<Row> rows = drawRows(n);
+    const std::vector<Update> all = updates(n);
+    const int m = std::min(n, 100000);
+    const std::string path = scratchFolder() + "/w9-peer.bin";
+    {
+        std::vector<double> price(n), ts(n), updatePrice(m);
+        std::vector<std::int32_t> qty(n), updateRow(m);
+        std::vector<char> symbols(static_cast<size_t>(n) * SymbolLength);
+        for (int i = 0; i < n; ++i) {
+            price[i] = rows[i].price;
+            ts[i] = static_cast<double>(rows[i].ts);
+            qty[i] = rows[i].qty;
+            std::memcpy(&symbols[static_cast<size_t>(i) * SymbolLength], rows[i].symbol, SymbolLength);
+        }
+        for (int k = 0; k < m; ++k) {
+            updateRow[k] = static_cast<std::int32_t>(all[k].row);
+            updatePrice[k] = all[k].price;
+        }
+        std::FILE *file = std::fopen(path.c_str(), "wb");
+        if (!file)
+            throw std::runtime_error("cannot write " + path);
+        const std::int32_t head[4] = {n, m, 0, 0};
+        std::fwrite(head, sizeof head, 1, file);
+        std::fwrite(price.data(), sizeof(double), price.size(), file);
+        std::fwrite(ts.data(), sizeof(double), ts.size(), file);
+        std::fwrite(updatePrice.data(), sizeof(double), updatePrice.size(), file);
+        std::fwrite(qty.data(), sizeof(std::int32_t), qty.size(), file);
+        std::fwrite(updateRow.data(), sizeof(std::int32_t), updateRow.size(), file);
+        std::fwrite(symbols.data(), 1, symbols.size(), file);
+        std::fclose(file);
+    }
+    const std::string command = std::string("node ") + PERSPECTIVE_DIR + "/w9.mjs " + path + " " + mode;
+    std::FILE *pipe = popen(command.c_str(), "r");
+    if (!pipe)
+        throw std::runtime_error("cannot run node");
+    char line[512] = {};
+    std::string last;
+    while (std::fgets(line, sizeof line, pipe))
+        last = line;
+    const int status = pclose(pipe);
+    std::remove(path.c_str());
+    Result result;
+    char check[256] = {};
+    if (status != 0 || std::sscanf(last.c_str(), "%lf %lf %255[^\n]", &result.seconds, &result.items, check) != 3)
+        throw std::runtime_error("the peer failed (make bench-peers installs it): " + last);
+    result.check = check;
+    return result;
+}
+
 std::vector<Entry> peerEntries()
 {
     return {
@@ -560,6 +614,10 @@ std::vector<Entry> peerEntries()
          [](int n) { return impliedRun(n / ImpliedShare, blackPrice, quantlibImplied); }},
         {"W8-implied", "plain newton", "volatilities",
          [](int n) { return impliedRun(n / ImpliedShare, blackPrice, newtonImplied); }},
+        {"W9-load", "perspective flat", "rows", [](int n) { return perspectiveW9(n, "load-flat"); }},
+        {"W9-load", "perspective group", "rows", [](int n) { return perspectiveW9(n, "load-group"); }},
+        {"W9-flat", "perspective", "updates", [](int n) { return perspectiveW9(n, "flat"); }},
+        {"W9-group", "perspective", "updates", [](int n) { return perspectiveW9(n, "group"); }},
     };
 }
 
@@ -569,6 +627,8 @@ bool comparable(const Entry &library, const Entry &peer)
 {
     if (library.workload != peer.workload)
         return false;
+    if (library.workload == "W9-load") // a flat view against a flat one
+        return (library.peer.find("flat") != std::string::npos) == (peer.peer.find("flat") != std::string::npos);
     const bool gzLibrary = library.peer.find("gz") != std::string::npos;
     const bool gzPeer = peer.peer.find("gzip") != std::string::npos;
     return library.workload.rfind("W6", 0) != 0 || gzLibrary == gzPeer;
@@ -600,6 +660,12 @@ const std::vector<Goal> &goals()
         {"W6 save, gzip level 6", "W6-save", "database gz", "zlib gzip", 0.7},
         {"W6 load, gzip, indexes rebuilt", "W6-load", "database gz", "zlib gzip", 1.5},
         {"W10 limit step, watch index's share", "W10", "database limit+watch", "database limit", 1.2},
+        // Updates a second 50 and 100 times the peer's: the time of the
+        // same 100 batches a fiftieth and a hundredth.
+        {"W9 sorted view, 100 batches", "W9-flat", "database", "perspective", 1.0 / 50},
+        {"W9 grouped view, 100 batches", "W9-group", "database", "perspective", 1.0 / 100},
+        {"W9 building the sorted view", "W9-load", "database flat", "perspective flat", 0.1},
+        {"W9 building the grouped view", "W9-load", "database group", "perspective group", 0.1},
     };
     return list;
 }
@@ -706,7 +772,7 @@ int main(int argc, char **argv)
         if (mine == medians.end() || !(against > 0))
             continue; // not run (a filter), or failed
         const double ratio = mine->second / against;
-        std::printf("%-40s %7.2f %7.2f  %s\n", goal.what, ratio, goal.target,
+        std::printf("%-40s %7.3f %7.3f  %s\n", goal.what, ratio, goal.target,
                     ratio <= goal.target ? "met" : "not met");
     }
     return 0;

@@ -439,11 +439,12 @@ Result w10(int n, bool watch)
     return {seconds, static_cast<double>(n / 10), check};
 }
 
-// W9: live queries over the W1 table as W2 changes it, 100 batches of 1,000
-// price updates, each followed by a read through the model: the first 100
-// rows of a view sorted by price, or every group of a view by symbol (sum of
-// qty, last price, average price, count, with a total). `load`: building
-// the view instead. The check carries the per-batch median and p99.
+// W9: live queries over the W1 table (its price index dropped) as W2
+// changes it, 100 batches of 1,000 price updates, each followed by a read
+// through the model: the first 100 rows of a view sorted by price, or every
+// group of a view by symbol (sum of qty, last price, average price, count,
+// with a total). `load`: building the view instead. The check carries the
+// per-batch median and p99.
 Result w9(int n, bool grouped, bool load)
 {
     int argc = 1;
@@ -451,6 +452,9 @@ Result w9(int n, bool grouped, bool load)
     char *argv[] = {name, nullptr};
     QCoreApplication app(argc, argv);
     auto store = filledStore(n);
+    // The views bring their own order: the table keeps only its key, as the
+    // peer's table does.
+    store->price.reset();
     const LiveQuery query = grouped ? LiveQuery()
                                           .groupBy({QStringLiteral("symbol")})
                                           .aggregate(QueryAggregate::sum(QStringLiteral("qty")))
@@ -465,8 +469,11 @@ Result w9(int n, bool grouped, bool load)
         const double seconds = since(start);
         return {seconds, static_cast<double>(n), std::to_string(model.rowCount()) + " rows"};
     }
-    const int batches = 100, perBatch = 1000;
-    const std::vector<Update> changes = updates(batches * perBatch);
+    // 100 batches of 1,000; fewer on a small table (a smoke run).
+    const int perBatch = std::min(1000, n);
+    const int batches = std::min(100, n / perBatch);
+    // The first 100,000 of W2's stream over the whole table.
+    const std::vector<Update> changes = updates(n);
     const Record probe(&store->table);
     std::vector<double> times;
     double total = 0, readSum = 0;

@@ -9,7 +9,12 @@ set -eu
 
 packages="g++ make cmake pkg-config qtbase5-dev zlib1g-dev libdw-dev libgtest-dev libbenchmark-dev"
 case "${1:-}" in
---peers) packages="$packages libabsl-dev libsqlite3-dev libisal-dev libquantlib0-dev" ;;
+--peers)
+    packages="$packages libabsl-dev libsqlite3-dev libisal-dev libquantlib0-dev"
+    # The streaming engine peer runs in Node.js; a machine that has node and
+    # npm from elsewhere keeps them.
+    command -v node >/dev/null 2>&1 && command -v npm >/dev/null 2>&1 || packages="$packages nodejs npm"
+    ;;
 --fuzz) packages="$packages clang libclang-rt-14-dev" ;;
 esac
 

@@ -600,7 +600,7 @@ TEST(LiveQuery, ChangingTheQueryWhileLiveRebuildsIt)
     model.setQuery(flatQuery());
     std::vector<long long> keys;
     for (int r = 0; r < model.rowCount(); ++r)
-        keys.push_back(model.record(r).data(Key).asInteger64());
+        keys.push_back(model.record(r).data(Key).toInteger64());
     EXPECT_EQ(keys, h.expectedFlat());
     EXPECT_EQ(model.columnCount(), 3);
 }
