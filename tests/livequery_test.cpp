@@ -8,6 +8,7 @@
 #include <database/decimal.h>
 #include <database/exception.h>
 #include <database/livequery.h>
+#include <database/livequery_p.h>
 #include <database/masterindex.h>
 #include <database/tableio.h>
 #include <database/tablejoin.h>
@@ -24,6 +25,7 @@
 #include <optional>
 #include <random>
 #include <thread>
+#include <unordered_map>
 
 namespace {
 
@@ -754,3 +756,35 @@ TEST(LiveQuery, GroupsByAColumnAJoinFills)
 }
 
 } // namespace
+
+// The grouped view's row table: random inserts and erases over a pool small
+// enough that runs wrap around the end of the table and every erase shifts
+// rows back, checked against a standard map after each step.
+TEST(LiveQueryRowMap, FindsWhatAStandardMapFindsThroughInsertsAndErases)
+{
+    std::vector<unsigned char> block(24);
+    std::vector<const unsigned char *> pool;
+    for (unsigned char &b : block)
+        pool.push_back(&b);
+    livequery::RowMap map;
+    std::unordered_map<const unsigned char *, int> expected;
+    std::mt19937 random(7);
+    for (int step = 0; step < 20000; ++step) {
+        const unsigned char *row = pool[random() % pool.size()];
+        if (step == 10000) {
+            map.clear();
+            expected.clear();
+        } else if (expected.count(row)) {
+            map.erase(row);
+            expected.erase(row);
+        } else if (expected.size() < 15) {
+            map.insert(row, step);
+            expected[row] = step;
+        }
+        ASSERT_EQ(map.size(), expected.size());
+        for (const unsigned char *probe : pool) {
+            const auto found = expected.find(probe);
+            ASSERT_EQ(map.find(probe), found == expected.end() ? -1 : found->second) << "step " << step;
+        }
+    }
+}

@@ -332,6 +332,15 @@ int compareFields(const Field &a, const Field &b)
         const long long x = a.asInteger64(), y = b.asInteger64();
         return x < y ? -1 : (x > y ? 1 : 0);
     }
+    case FieldType::Double: {
+        const double x = a.asDouble(), y = b.asDouble();
+        if (x < y)
+            return -1;
+        if (y < x)
+            return 1;
+        // NaN after every number, as Value orders it.
+        return std::isnan(x) == std::isnan(y) ? 0 : (std::isnan(x) ? 1 : -1);
+    }
     case FieldType::Decimal:
         return a.asDecimal().compare(b.asDecimal());
     default:

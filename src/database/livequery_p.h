@@ -114,6 +114,42 @@ private:
 
 class GroupModel;
 
+// Row address to a number, by open addressing with linear probing: a
+// million rows cost two flat arrays, not a million allocations.
+class DATABASE_EXPORT RowMap
+{
+public:
+    int find(const unsigned char *row) const
+    {
+        if (m_size == 0)
+            return -1;
+        for (size_t at = slotOf(row);; at = (at + 1) & m_mask) {
+            if (m_keys[at] == row)
+                return m_values[at];
+            if (!m_keys[at])
+                return -1;
+        }
+    }
+    // `row` must not be there.
+    void insert(const unsigned char *row, int value);
+    void erase(const unsigned char *row);
+    void reserve(size_t count);
+    void clear();
+    size_t size() const { return m_size; }
+
+private:
+    size_t slotOf(const unsigned char *row) const
+    {
+        return static_cast<size_t>((quint64(reinterpret_cast<quintptr>(row)) * 0x9E3779B97F4A7C15ull) >> 32) & m_mask;
+    }
+    void rehash(size_t capacity);
+
+    std::vector<const unsigned char *> m_keys;
+    std::vector<int> m_values;
+    size_t m_mask = 0;
+    size_t m_size = 0;
+};
+
 // The grouped query's state, kept by the table as an index. Everything here
 // runs under the table's lock.
 class GroupIndex : public Index
@@ -131,24 +167,25 @@ public:
     struct Group
     {
         Key key;
+        size_t hash = 0;
         long long count = 0;
         std::vector<Acc> accs;
-        // The rows in the order they entered: first and last.
-        unsigned char *head = nullptr;
-        unsigned char *tail = nullptr;
+        // The rows in the order they entered (slots): first and last.
+        int head = -1;
+        int tail = -1;
         bool dirty = false;
     };
-    // What a row gave: to take it back when the row changes.
-    struct Contribution
+    // What a row gave, to take it back when the row changes (its values are
+    // in m_values, `stored` of them from slot * stored on).
+    struct Slot
     {
+        unsigned char *row = nullptr;
         int group = -1;
-        unsigned char *prev = nullptr;
-        unsigned char *next = nullptr;
+        int prev = -1;
+        int next = -1;
         // The same for every accepted row: the total's first and last.
-        unsigned char *totalPrev = nullptr;
-        unsigned char *totalNext = nullptr;
-        std::vector<Value> values; // per aggregate: value (weighted: value then weight in `weights`)
-        std::vector<Value> weights;
+        int totalPrev = -1;
+        int totalNext = -1;
     };
 
     GroupIndex(Table *table, const LiveQuery &query, GroupModel *model);
@@ -193,19 +230,23 @@ private:
         int weightColumn;
         FieldType::Type type;
         int scale;
+        int stored; // its value's place among a row's stored values (its weight's next), or -1
     };
     void addRow(const Record &record);
     void removeRow(unsigned char *row);
     // Into and out of a group (not the total's order).
-    void join(unsigned char *row, Contribution &c, int group, const Record &record);
-    void leave(Contribution &c);
+    void join(int slot, int group, const Record &record);
+    void leave(int slot);
     void contribute(Acc &acc, const Agg &agg, const Value &value, const Value &weight, int sign);
-    int groupOf(const Key &key);
+    int groupOf(const Record &record);
+    bool keyMatches(const Record &record, const Key &key) const;
+    size_t keyHash(const Record &record) const;
     void markDirty(int group);
     void changed();
     Row rowOf(const Group &group) const;
     QVariant result(const Group &group, size_t a, const Agg &agg, const Acc &acc, QString *text,
                     QVariant *sortValue) const;
+    Value *storedOf(int slot) { return m_values.data() + static_cast<size_t>(slot) * m_stored; }
 
     Table *m_table;
     GroupModel *m_model;
@@ -216,8 +257,12 @@ private:
 
     std::vector<Group> m_groups;
     std::vector<int> m_free;
-    std::unordered_map<Key, int, KeyHash> m_byKey;
-    std::unordered_map<unsigned char *, Contribution> m_rows;
+    std::unordered_multimap<size_t, int> m_byHash; // live groups by key hash
+    RowMap m_rows;                                  // row to slot
+    std::vector<Slot> m_slots;
+    std::vector<int> m_freeSlots;
+    std::vector<Value> m_values; // the slots' stored values
+    size_t m_stored = 0;         // stored values per slot
     Group m_total;
 
     std::vector<int> m_dirty;

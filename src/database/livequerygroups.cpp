@@ -82,6 +82,84 @@ int compareKeys(const Key &a, const Key &b)
 } // namespace
 
 // ---------------------------------------------------------------------------
+// Rows to slots
+
+void RowMap::insert(const unsigned char *row, int value)
+{
+    // At most half full: probes stay short.
+    if (2 * (m_size + 1) > m_keys.size())
+        rehash(std::max<size_t>(16, 2 * m_keys.size()));
+    size_t at = slotOf(row);
+    while (m_keys[at])
+        at = (at + 1) & m_mask;
+    m_keys[at] = row;
+    m_values[at] = value;
+    ++m_size;
+}
+
+void RowMap::erase(const unsigned char *row)
+{
+    if (m_size == 0)
+        return;
+    size_t at = slotOf(row);
+    while (m_keys[at] != row) {
+        if (!m_keys[at])
+            return;
+        at = (at + 1) & m_mask;
+    }
+    // Backward shift: the rows after it in its run move up where their
+    // probe would pass, so that no tombstone is left.
+    size_t hole = at;
+    for (size_t next = (hole + 1) & m_mask; m_keys[next]; next = (next + 1) & m_mask) {
+        const size_t home = slotOf(m_keys[next]);
+        // `next` may fill the hole unless its home lies cyclically in (hole, next].
+        const bool stays = hole <= next ? (home > hole && home <= next) : (home > hole || home <= next);
+        if (!stays) {
+            m_keys[hole] = m_keys[next];
+            m_values[hole] = m_values[next];
+            hole = next;
+        }
+    }
+    m_keys[hole] = nullptr;
+    --m_size;
+}
+
+void RowMap::reserve(size_t count)
+{
+    size_t capacity = 16;
+    while (capacity < 2 * count)
+        capacity *= 2;
+    if (capacity > m_keys.size())
+        rehash(capacity);
+}
+
+void RowMap::clear()
+{
+    m_keys.clear();
+    m_values.clear();
+    m_mask = 0;
+    m_size = 0;
+}
+
+void RowMap::rehash(size_t capacity)
+{
+    std::vector<const unsigned char *> keys(capacity, nullptr);
+    std::vector<int> values(capacity);
+    std::swap(keys, m_keys);
+    std::swap(values, m_values);
+    m_mask = capacity - 1;
+    for (size_t k = 0; k < keys.size(); ++k) {
+        if (!keys[k])
+            continue;
+        size_t at = slotOf(keys[k]);
+        while (m_keys[at])
+            at = (at + 1) & m_mask;
+        m_keys[at] = keys[k];
+        m_values[at] = values[k];
+    }
+}
+
+// ---------------------------------------------------------------------------
 // The state
 
 GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
@@ -93,7 +171,7 @@ GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
     for (const QString &name : query.groupColumns())
         m_groupColumns.push_back(columnOf(table, name));
     for (const QueryAggregate &a : query.aggregates()) {
-        Agg agg{a.kind, -1, -1, FieldType::Invalid, 0};
+        Agg agg{a.kind, -1, -1, FieldType::Invalid, 0, -1};
         if (a.kind != QueryAggregate::Count) {
             agg.column = columnOf(table, a.column);
             agg.type = table->columnType(agg.column);
@@ -108,6 +186,12 @@ GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
             if (!numeric(table->columnType(agg.weightColumn)))
                 throw Exception(
                     QStringLiteral("Column '%1' of table '%2' is not a number.").arg(a.weightColumn, table->name()));
+        }
+        // First and last read their row when asked; the others take back
+        // what the row gave, which the row no longer holds once it changed.
+        if (agg.column >= 0 && a.kind != QueryAggregate::First && a.kind != QueryAggregate::Last) {
+            agg.stored = static_cast<int>(m_stored);
+            m_stored += agg.weightColumn >= 0 ? 2 : 1;
         }
         m_aggs.push_back(agg);
     }
@@ -162,11 +246,72 @@ void GroupIndex::contribute(Acc &acc, const Agg &agg, const Value &value, const 
     }
 }
 
-int GroupIndex::groupOf(const Key &key)
+namespace {
+
+// A text field's UTF-16 units where they stand, up to the first zero, as
+// FieldType::getString reads them; false when the slot is not aligned for
+// them (then the caller copies the value out).
+bool unitsOf(const Field &field, const QChar **units, int *count)
 {
-    const auto found = m_byKey.find(key);
-    if (found != m_byKey.end())
-        return found->second;
+    const unsigned char *data = field.data();
+    if (reinterpret_cast<quintptr>(data) % alignof(QChar) != 0)
+        return false;
+    const int capacity = qBound(0, field.length(), 32767);
+    int n = 0;
+    const auto *slot = reinterpret_cast<const ushort *>(data);
+    while (n < capacity && slot[n] != 0)
+        ++n;
+    *units = reinterpret_cast<const QChar *>(data);
+    *count = n;
+    return true;
+}
+
+} // namespace
+
+// Hashed and compared in the row, as the key's values would be: a group
+// found for a row costs no string copied out of it.
+size_t GroupIndex::keyHash(const Record &record) const
+{
+    size_t h = 0x9E3779B97F4A7C15ull;
+    for (int column : m_groupColumns) {
+        const Field field = record.data(column);
+        size_t v;
+        const QChar *units = nullptr;
+        int count = 0;
+        if (field.type() == FieldType::String && !field.isNull() && unitsOf(field, &units, &count))
+            v = qHash(QStringView(units, count));
+        else
+            v = Value::of(field).hash();
+        h = (h ^ v) * 0x100000001B3ull;
+    }
+    return h;
+}
+
+bool GroupIndex::keyMatches(const Record &record, const Key &key) const
+{
+    for (size_t k = 0; k < m_groupColumns.size(); ++k) {
+        const Field field = record.data(m_groupColumns[k]);
+        const Value &value = key[k];
+        const QChar *units = nullptr;
+        int count = 0;
+        if (field.type() == FieldType::String && !field.isNull() && unitsOf(field, &units, &count)) {
+            if (value.kind != Value::Text || QStringView(units, count) != QStringView(value.s))
+                return false;
+        } else if (Value::of(field).compare(value) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int GroupIndex::groupOf(const Record &record)
+{
+    const size_t hash = keyHash(record);
+    const auto range = m_byHash.equal_range(hash);
+    for (auto it = range.first; it != range.second; ++it) {
+        if (keyMatches(record, m_groups[static_cast<size_t>(it->second)].key))
+            return it->second;
+    }
     int id;
     if (!m_free.empty()) {
         id = m_free.back();
@@ -177,9 +322,10 @@ int GroupIndex::groupOf(const Key &key)
     }
     Group &group = m_groups[static_cast<size_t>(id)];
     group = Group();
-    group.key = key;
+    group.key = keyOf(record, m_groupColumns);
+    group.hash = hash;
     group.accs.resize(m_aggs.size());
-    m_byKey.emplace(key, id);
+    m_byHash.emplace(hash, id);
     return id;
 }
 
@@ -193,90 +339,114 @@ void GroupIndex::markDirty(int id)
     m_totalDirty = m_withTotal;
 }
 
-void GroupIndex::join(unsigned char *row, Contribution &c, int id, const Record &record)
+void GroupIndex::join(int slot, int id, const Record &record)
 {
-    c.group = id;
+    Slot &s = m_slots[static_cast<size_t>(slot)];
+    s.group = id;
     Group &group = m_groups[static_cast<size_t>(id)];
+    Value *stored = storedOf(slot);
     for (size_t a = 0; a < m_aggs.size(); ++a) {
         const Agg &agg = m_aggs[a];
-        if (agg.kind == QueryAggregate::Count || agg.kind == QueryAggregate::First || agg.kind == QueryAggregate::Last)
+        if (agg.stored < 0)
             continue;
-        c.values[a] = Value::of(record.data(agg.column));
+        Value &value = stored[agg.stored];
+        value = Value::of(record.data(agg.column));
+        static const Value none;
+        const Value &weight = agg.weightColumn >= 0 ? stored[agg.stored + 1] : none;
         if (agg.weightColumn >= 0)
-            c.weights[a] = Value::of(record.data(agg.weightColumn));
-        contribute(group.accs[a], agg, c.values[a], c.weights[a], 1);
-        contribute(m_total.accs[a], agg, c.values[a], c.weights[a], 1);
+            stored[agg.stored + 1] = Value::of(record.data(agg.weightColumn));
+        contribute(group.accs[a], agg, value, weight, 1);
+        contribute(m_total.accs[a], agg, value, weight, 1);
     }
     ++group.count;
     // Last in its group's entry order.
-    c.prev = group.tail;
-    c.next = nullptr;
-    if (group.tail)
-        m_rows[group.tail].next = row;
+    s.prev = group.tail;
+    s.next = -1;
+    if (group.tail >= 0)
+        m_slots[static_cast<size_t>(group.tail)].next = slot;
     else
-        group.head = row;
-    group.tail = row;
+        group.head = slot;
+    group.tail = slot;
     markDirty(id);
 }
 
-void GroupIndex::leave(Contribution &c)
+void GroupIndex::leave(int slot)
 {
-    Group &group = m_groups[static_cast<size_t>(c.group)];
+    Slot &s = m_slots[static_cast<size_t>(slot)];
+    Group &group = m_groups[static_cast<size_t>(s.group)];
+    Value *stored = storedOf(slot);
     for (size_t a = 0; a < m_aggs.size(); ++a) {
-        contribute(group.accs[a], m_aggs[a], c.values[a], c.weights[a], -1);
-        contribute(m_total.accs[a], m_aggs[a], c.values[a], c.weights[a], -1);
-        c.values[a] = Value();
-        c.weights[a] = Value();
+        const Agg &agg = m_aggs[a];
+        if (agg.stored < 0)
+            continue;
+        static const Value none;
+        const Value &weight = agg.weightColumn >= 0 ? stored[agg.stored + 1] : none;
+        contribute(group.accs[a], agg, stored[agg.stored], weight, -1);
+        contribute(m_total.accs[a], agg, stored[agg.stored], weight, -1);
     }
+    for (size_t k = 0; k < m_stored; ++k)
+        stored[k] = Value();
     --group.count;
-    if (c.prev)
-        m_rows[c.prev].next = c.next;
+    if (s.prev >= 0)
+        m_slots[static_cast<size_t>(s.prev)].next = s.next;
     else
-        group.head = c.next;
-    if (c.next)
-        m_rows[c.next].prev = c.prev;
+        group.head = s.next;
+    if (s.next >= 0)
+        m_slots[static_cast<size_t>(s.next)].prev = s.prev;
     else
-        group.tail = c.prev;
-    markDirty(c.group);
+        group.tail = s.prev;
+    markDirty(s.group);
 }
 
 void GroupIndex::addRow(const Record &record)
 {
     unsigned char *row = record.rowPtr();
-    if (!row || m_rows.count(row) || !m_filter.accepts(record))
+    if (!row || m_rows.find(row) >= 0 || !m_filter.accepts(record))
         return;
-    const int id = groupOf(keyOf(record, m_groupColumns));
-    Contribution &c = m_rows[row];
-    c.values.resize(m_aggs.size());
-    c.weights.resize(m_aggs.size());
-    join(row, c, id, record);
+    const int id = groupOf(record);
+    int slot;
+    if (!m_freeSlots.empty()) {
+        slot = m_freeSlots.back();
+        m_freeSlots.pop_back();
+    } else {
+        slot = static_cast<int>(m_slots.size());
+        m_slots.emplace_back();
+        m_values.resize(m_values.size() + m_stored);
+    }
+    m_rows.insert(row, slot);
+    Slot &s = m_slots[static_cast<size_t>(slot)];
+    s = Slot();
+    s.row = row;
+    join(slot, id, record);
     ++m_total.count;
-    c.totalPrev = m_total.tail;
-    c.totalNext = nullptr;
-    if (m_total.tail)
-        m_rows[m_total.tail].totalNext = row;
+    s.totalPrev = m_total.tail;
+    s.totalNext = -1;
+    if (m_total.tail >= 0)
+        m_slots[static_cast<size_t>(m_total.tail)].totalNext = slot;
     else
-        m_total.head = row;
-    m_total.tail = row;
+        m_total.head = slot;
+    m_total.tail = slot;
 }
 
 void GroupIndex::removeRow(unsigned char *row)
 {
-    const auto found = m_rows.find(row);
-    if (found == m_rows.end())
+    const int slot = m_rows.find(row);
+    if (slot < 0)
         return;
-    Contribution &c = found->second;
-    leave(c);
+    leave(slot);
+    Slot &s = m_slots[static_cast<size_t>(slot)];
     --m_total.count;
-    if (c.totalPrev)
-        m_rows[c.totalPrev].totalNext = c.totalNext;
+    if (s.totalPrev >= 0)
+        m_slots[static_cast<size_t>(s.totalPrev)].totalNext = s.totalNext;
     else
-        m_total.head = c.totalNext;
-    if (c.totalNext)
-        m_rows[c.totalNext].totalPrev = c.totalPrev;
+        m_total.head = s.totalNext;
+    if (s.totalNext >= 0)
+        m_slots[static_cast<size_t>(s.totalNext)].totalPrev = s.totalPrev;
     else
-        m_total.tail = c.totalPrev;
-    m_rows.erase(found);
+        m_total.tail = s.totalPrev;
+    s = Slot();
+    m_rows.erase(row);
+    m_freeSlots.push_back(slot);
 }
 
 void GroupIndex::changed()
@@ -289,8 +459,11 @@ void GroupIndex::clear()
 {
     m_groups.clear();
     m_free.clear();
-    m_byKey.clear();
+    m_byHash.clear();
     m_rows.clear();
+    m_slots.clear();
+    m_freeSlots.clear();
+    m_values.clear();
     m_total = Group();
     m_total.accs.resize(m_aggs.size());
     m_dirty.clear();
@@ -302,7 +475,10 @@ void GroupIndex::clear()
 void GroupIndex::build()
 {
     if (MasterIndex *master = m_table->masterIndex()) {
-        m_rows.reserve(static_cast<size_t>(master->count()));
+        const auto count = static_cast<size_t>(master->count());
+        m_rows.reserve(count);
+        m_slots.reserve(count);
+        m_values.reserve(count * m_stored);
         for (const Record &record : *master)
             addRow(record);
     }
@@ -325,8 +501,8 @@ void GroupIndex::remove(const Record &record, int)
 void GroupIndex::update(const Record &record, int, int, int)
 {
     unsigned char *row = record.rowPtr();
-    const auto found = m_rows.find(row);
-    if (found == m_rows.end() || !m_filter.accepts(record)) {
+    const int slot = m_rows.find(row);
+    if (slot < 0 || !m_filter.accepts(record)) {
         removeRow(row);
         addRow(record);
         changed();
@@ -334,27 +510,31 @@ void GroupIndex::update(const Record &record, int, int, int)
     }
     // Still in the view: it keeps its place in the total's order, and in
     // its group's when the group stays.
-    Contribution &c = found->second;
-    Key key = keyOf(record, m_groupColumns);
-    if (compareKeys(key, m_groups[static_cast<size_t>(c.group)].key) == 0) {
-        Group &group = m_groups[static_cast<size_t>(c.group)];
+    const int id = m_slots[static_cast<size_t>(slot)].group;
+    if (keyMatches(record, m_groups[static_cast<size_t>(id)].key)) {
+        Group &group = m_groups[static_cast<size_t>(id)];
+        Value *stored = storedOf(slot);
         for (size_t a = 0; a < m_aggs.size(); ++a) {
             const Agg &agg = m_aggs[a];
-            if (agg.column < 0 || agg.kind == QueryAggregate::First || agg.kind == QueryAggregate::Last)
+            if (agg.stored < 0)
                 continue;
             Value value = Value::of(record.data(agg.column));
             Value weight = agg.weightColumn >= 0 ? Value::of(record.data(agg.weightColumn)) : Value();
-            contribute(group.accs[a], agg, c.values[a], c.weights[a], -1);
-            contribute(m_total.accs[a], agg, c.values[a], c.weights[a], -1);
+            static const Value none;
+            Value &was = stored[agg.stored];
+            const Value &wasWeight = agg.weightColumn >= 0 ? stored[agg.stored + 1] : none;
+            contribute(group.accs[a], agg, was, wasWeight, -1);
+            contribute(m_total.accs[a], agg, was, wasWeight, -1);
             contribute(group.accs[a], agg, value, weight, 1);
             contribute(m_total.accs[a], agg, value, weight, 1);
-            c.values[a] = std::move(value);
-            c.weights[a] = std::move(weight);
+            was = std::move(value);
+            if (agg.weightColumn >= 0)
+                stored[agg.stored + 1] = std::move(weight);
         }
-        markDirty(c.group);
+        markDirty(id);
     } else {
-        leave(c);
-        join(row, c, groupOf(key), record);
+        leave(slot);
+        join(slot, groupOf(record), record);
     }
     changed();
 }
@@ -375,7 +555,7 @@ void GroupIndex::process(const QList<Record> &removed, const QList<Record> &upda
 
 bool GroupIndex::contains(const Record &record) const
 {
-    return m_rows.count(record.rowPtr()) != 0;
+    return m_rows.find(record.rowPtr()) >= 0;
 }
 
 void GroupIndex::beginUpdate()
@@ -466,9 +646,10 @@ QVariant GroupIndex::result(const Group &group, size_t a, const Agg &agg, const 
         return acc.values.empty() ? value : columnValue(acc.values.rbegin()->first);
     case QueryAggregate::First:
     case QueryAggregate::Last: {
-        unsigned char *row = agg.kind == QueryAggregate::First ? group.head : group.tail;
-        if (!row)
+        const int slot = agg.kind == QueryAggregate::First ? group.head : group.tail;
+        if (slot < 0)
             return value;
+        unsigned char *row = m_slots[static_cast<size_t>(slot)].row;
         // The row is the table's and in it (a row leaves its group before
         // it leaves the table).
         auto *def = const_cast<TableColumnDef *>(&m_table->columnDef(agg.column));
@@ -515,7 +696,14 @@ void GroupIndex::take(std::vector<Row> &changed, std::vector<Key> &gone, Row *to
     // Emptied groups leave for good now that the model has heard of them.
     for (int id : m_dirty) {
         Group &group = m_groups[static_cast<size_t>(id)];
-        if (group.count == 0 && !group.key.empty() && m_byKey.erase(group.key)) {
+        if (group.count == 0 && !group.key.empty()) {
+            const auto range = m_byHash.equal_range(group.hash);
+            for (auto it = range.first; it != range.second; ++it) {
+                if (it->second == id) {
+                    m_byHash.erase(it);
+                    break;
+                }
+            }
             group = Group();
             m_free.push_back(id);
         }
@@ -529,9 +717,8 @@ void GroupIndex::take(std::vector<Row> &changed, std::vector<Key> &gone, Row *to
 void GroupIndex::snapshotAll(std::vector<Row> &rows, Row *total)
 {
     rows.clear();
-    rows.reserve(m_byKey.size());
-    for (const auto &entry : m_byKey) {
-        const Group &group = m_groups[static_cast<size_t>(entry.second)];
+    rows.reserve(m_byHash.size());
+    for (const Group &group : m_groups) {
         if (group.count > 0)
             rows.push_back(rowOf(group));
     }

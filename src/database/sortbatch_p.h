@@ -154,24 +154,39 @@ std::vector<RowPosition> locate(const Order &order, const PartitionList<T> &list
         for (const T *record : records)
             missing.push_back({record->rowPtr(), -1});
     } else {
+        // A record missing from its run needs the pass, and the pass finds
+        // every record: after the first miss the searches stop, and the rest
+        // wait for the pass (a batch that changed the order's columns misses
+        // with nearly every record).
         const int count = static_cast<int>(records.size());
-        std::vector<int> lo(records.size(), 0);
-        std::vector<int> hi(records.size(), n);
-        lockstepSearch(order, list, count, [&records](int r) -> const T & { return *records[static_cast<size_t>(r)]; },
-                       lo.data(), hi.data(), [](int, int mid, int c, int &low, int &high) {
-                           if (c < 0)
-                               low = mid + 1;
-                           else
-                               high = mid;
-                       });
-        for (int r = 0; r < count; ++r) {
-            const unsigned char *row = records[static_cast<size_t>(r)]->rowPtr();
-            const int found = scanForRow(list, lo[static_cast<size_t>(r)], row, RowScan);
-            if (found != -1)
-                positions.push_back({row, found});
-            else
-                missing.push_back({row, -1});
+        constexpr int Round = 32;
+        int lo[Round];
+        int hi[Round];
+        int first = 0;
+        for (; first < count && missing.empty(); first += Round) {
+            const int size = std::min(Round, count - first);
+            std::fill(lo, lo + size, 0);
+            std::fill(hi, hi + size, n);
+            lockstepSearch(
+                order, list, size,
+                [&records, first](int r) -> const T & { return *records[static_cast<size_t>(first + r)]; }, lo, hi,
+                [](int, int mid, int c, int &low, int &high) {
+                    if (c < 0)
+                        low = mid + 1;
+                    else
+                        high = mid;
+                });
+            for (int r = 0; r < size; ++r) {
+                const unsigned char *row = records[static_cast<size_t>(first + r)]->rowPtr();
+                const int found = scanForRow(list, lo[r], row, RowScan);
+                if (found != -1)
+                    positions.push_back({row, found});
+                else
+                    missing.push_back({row, -1});
+            }
         }
+        for (int r = first; r < count; ++r)
+            missing.push_back({records[static_cast<size_t>(r)]->rowPtr(), -1});
     }
 
     if (!missing.empty()) {

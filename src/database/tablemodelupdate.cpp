@@ -245,11 +245,12 @@ bool TableModelPrivate::readSource(std::vector<unsigned char *> &out) const
         return false;
     const IndexList *from = useMaster ? static_cast<const IndexList *>(table->masterIndex()) : list;
     if (from) {
-        out.resize(static_cast<size_t>(from->count()));
-        unsigned char **to = out.data();
-        from->list().forEachSegment([&to](const Record *first, int count) {
+        // Appended, not resized and overwritten: zeroing a million handles
+        // first would cost as much as copying them.
+        out.reserve(static_cast<size_t>(from->count()));
+        from->list().forEachSegment([&out](const Record *first, int count) {
             for (int k = 0; k < count; ++k)
-                *to++ = first[k].rowPtr();
+                out.push_back(first[k].rowPtr());
         });
         return true;
     }
