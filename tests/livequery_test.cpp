@@ -10,6 +10,7 @@
 #include <database/livequery.h>
 #include <database/livequery_p.h>
 #include <database/masterindex.h>
+#include <database/recordstrans.h>
 #include <database/tableio.h>
 #include <database/tablejoin.h>
 
@@ -21,6 +22,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <optional>
 #include <random>
@@ -787,4 +792,98 @@ TEST(LiveQueryRowMap, FindsWhatAStandardMapFindsThroughInsertsAndErases)
             ASSERT_EQ(map.find(probe), found == expected.end() ? -1 : found->second) << "step " << step;
         }
     }
+}
+
+// A view sorted by one number column is built by copying the numbers out
+// and sorting them apart from the rows: the order must be the one the
+// comparison gives (nulls first, -0 with 0, NaN after every number, ties by
+// key), in both directions, and stay so under a batch that moves rows
+// through the comparison.
+TEST(LiveQuery, ASortByOneNumberColumnBuildsInTheComparisonsOrder)
+{
+    Table table(QStringLiteral("t"));
+    makeTrades(table);
+    const double inf = std::numeric_limits<double>::infinity();
+    const std::vector<std::optional<double>> prices = {std::nullopt, std::nan(""), -0.0, 0.0, -1.5, 2.25,
+                                                       1e300, -inf, inf, -1e-300, 65536.5, -65536.5};
+    const std::vector<std::optional<int>> quantities = {std::nullopt, INT_MIN, -1, 0, 7, INT_MAX, 256, -256};
+    std::map<long long, std::pair<std::optional<double>, std::optional<int>>> rows; // by key: the master's order
+    std::map<long long, Record> records;
+    std::mt19937 random(11);
+    std::vector<long long> keys(3000);
+    for (size_t k = 0; k < keys.size(); ++k)
+        keys[k] = static_cast<long long>(k) * 7919 - 1000000;
+    std::shuffle(keys.begin(), keys.end(), random);
+    auto write = [&](const Record &r, std::optional<double> price, std::optional<int> qty) {
+        if (price)
+            r.data(Price) = *price;
+        else
+            r.data(Price).setNull();
+        if (qty)
+            r.data(Qty) = *qty;
+        else
+            r.data(Qty).setNull();
+    };
+    {
+        TableUpdater updater(&table);
+        for (long long key : keys) {
+            Record r(&table);
+            r.data(Key) = key;
+            const auto price = prices[random() % prices.size()];
+            const auto qty = quantities[random() % quantities.size()];
+            write(r, price, qty);
+            r.append();
+            rows[key] = {price, qty};
+            records[key] = r;
+        }
+    }
+    // The comparison's classes: null, number, NaN.
+    auto priceClass = [](const std::optional<double> &p) { return !p ? 0 : (std::isnan(*p) ? 2 : 1); };
+    auto expected = [&](bool byPrice, int sign) {
+        std::vector<long long> order;
+        for (const auto &row : rows)
+            order.push_back(row.first);
+        std::stable_sort(order.begin(), order.end(), [&](long long a, long long b) {
+            const auto &x = rows[a];
+            const auto &y = rows[b];
+            int c;
+            if (byPrice) {
+                const int cx = priceClass(x.first), cy = priceClass(y.first);
+                c = cx != cy ? (cx < cy ? -1 : 1)
+                             : (cx == 1 && *x.first < *y.first ? -1 : (cx == 1 && *y.first < *x.first ? 1 : 0));
+            } else {
+                c = x.second == y.second ? 0 : (x.second < y.second ? -1 : 1); // nullopt first
+            }
+            return c * sign < 0;
+        });
+        return order;
+    };
+    auto shownKeys = [](const LiveQueryModel &model) {
+        std::vector<long long> shownKeys;
+        for (int r = 0; r < model.rowCount(); ++r)
+            shownKeys.push_back(model.record(r).data(Key).toInteger64());
+        return shownKeys;
+    };
+    for (const bool byPrice : {true, false}) {
+        for (const Qt::SortOrder order : {Qt::AscendingOrder, Qt::DescendingOrder}) {
+            const int sign = order == Qt::AscendingOrder ? 1 : -1;
+            LiveQueryModel model(&table, LiveQuery().orderBy(byPrice ? "price" : "qty", order));
+            EXPECT_EQ(shownKeys(model), expected(byPrice, sign)) << byPrice << " " << sign;
+        }
+    }
+    // Built once, then kept through the comparison.
+    LiveQueryModel model(&table, LiveQuery().orderBy("price", Qt::DescendingOrder));
+    {
+        TableUpdater updater(&table);
+        RecordsTrans trans(&table);
+        for (int k = 0; k < 300; ++k) {
+            const long long key = keys[random() % keys.size()];
+            const auto price = prices[random() % prices.size()];
+            RecordUpdater row(records[key], trans);
+            write(records[key], price, rows[key].second);
+            rows[key].first = price;
+        }
+    }
+    model.update();
+    EXPECT_EQ(shownKeys(model), expected(true, -1));
 }

@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 using namespace livequery;
 
@@ -369,6 +370,113 @@ int SortIndex::compare(const Record &a, const Record &b) const
             return c * key.sign;
     }
     return m_table->masterIndex()->compare(a, b);
+}
+
+void SortIndex::build()
+{
+    appendFromMaster(false);
+    if (!sortByKeys())
+        resort();
+}
+
+namespace {
+
+// A number's place in the order compare() gives it, as an unsigned word:
+// -0 with +0, every NaN after every number.
+quint64 orderedWord(double x)
+{
+    if (std::isnan(x))
+        return ~quint64(0);
+    if (x == 0)
+        x = 0;
+    quint64 bits;
+    std::memcpy(&bits, &x, sizeof bits);
+    return (bits >> 63) ? ~bits : bits | (quint64(1) << 63);
+}
+
+struct Keyed
+{
+    quint64 key;
+    quint32 position;
+};
+
+// A stable sort by key, eight bits a pass, skipping the bytes that every
+// key shares.
+void radixSort(std::vector<Keyed> &items)
+{
+    std::vector<Keyed> buffer(items.size());
+    for (int shift = 0; shift < 64; shift += 8) {
+        size_t counts[256] = {};
+        for (const Keyed &item : items)
+            ++counts[(item.key >> shift) & 0xFF];
+        if (counts[(items.front().key >> shift) & 0xFF] == items.size())
+            continue;
+        size_t start = 0;
+        for (size_t &count : counts)
+            start += std::exchange(count, start);
+        for (const Keyed &item : items)
+            buffer[counts[(item.key >> shift) & 0xFF]++] = item;
+        items.swap(buffer);
+    }
+}
+
+} // namespace
+
+// The list, in the master's order, sorted stably by one number column
+// copied out beside each handle: the master's order breaks the ties as
+// compare() does, and the sort never reaches back into the rows. Other
+// orders sort through compare().
+bool SortIndex::sortByKeys()
+{
+    if (m_sort.size() != 1 || m_list.count() < 2)
+        return false;
+    const SortColumn key = m_sort.front();
+    const FieldType::Type type = m_table->columnType(key.column);
+    if (type != FieldType::Integer && type != FieldType::Integer64 && type != FieldType::DateTime
+        && type != FieldType::Double)
+        return false;
+    // Nulls first (last when descending), in the master's order.
+    std::vector<Keyed> items;
+    std::vector<quint32> nulls;
+    items.reserve(static_cast<size_t>(m_list.count()));
+    std::vector<Record *> handles;
+    handles.reserve(static_cast<size_t>(m_list.count()));
+    for (const auto &segment : m_list.segments()) {
+        for (int k = 0; k < segment.count; ++k) {
+            Record *record = segment.first + k;
+            const auto position = static_cast<quint32>(handles.size());
+            handles.push_back(record);
+            const Field field = record->data(key.column);
+            if (field.isNull()) {
+                nulls.push_back(position);
+                continue;
+            }
+            quint64 word;
+            if (type == FieldType::Double)
+                word = orderedWord(field.asDouble());
+            else
+                word = static_cast<quint64>(type == FieldType::Integer ? field.asInteger() : field.asInteger64())
+                    ^ (quint64(1) << 63);
+            items.push_back({key.sign < 0 ? ~word : word, position});
+        }
+    }
+    if (!items.empty())
+        radixSort(items);
+    std::vector<Record> sorted;
+    sorted.reserve(handles.size());
+    if (key.sign > 0) {
+        for (quint32 position : nulls)
+            sorted.push_back(std::move(*handles[position]));
+    }
+    for (const Keyed &item : items)
+        sorted.push_back(std::move(*handles[item.position]));
+    if (key.sign < 0) {
+        for (quint32 position : nulls)
+            sorted.push_back(std::move(*handles[position]));
+    }
+    for (size_t k = 0; k < handles.size(); ++k)
+        *handles[k] = std::move(sorted[k]);
+    return true;
 }
 
 bool SortIndex::filter(const Record &record) const

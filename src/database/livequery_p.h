@@ -98,6 +98,8 @@ class SortIndex : public IndexSort
 public:
     SortIndex(Table *table, const LiveQuery &query);
 
+    using IndexSort::build;
+    void build() override;
     int compare(const Record &a, const Record &b) const override;
     bool filter(const Record &record) const override;
     QString getClassName() const override;
@@ -108,6 +110,7 @@ private:
         int column;
         int sign;
     };
+    bool sortByKeys();
     std::vector<SortColumn> m_sort;
     Filter m_filter;
 };
@@ -132,6 +135,14 @@ public:
     }
     // `row` must not be there.
     void insert(const unsigned char *row, int value);
+    // Inserts `row` unless it is there already: one probe for both.
+    bool insertNew(const unsigned char *row, int value);
+    // Starts the fetch of `row`'s home before its insertNew().
+    void prefetch(const unsigned char *row) const
+    {
+        if (!m_keys.empty())
+            __builtin_prefetch(&m_keys[slotOf(row)]);
+    }
     void erase(const unsigned char *row);
     void reserve(size_t count);
     void clear();

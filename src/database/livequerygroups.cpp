@@ -97,6 +97,21 @@ void RowMap::insert(const unsigned char *row, int value)
     ++m_size;
 }
 
+bool RowMap::insertNew(const unsigned char *row, int value)
+{
+    if (2 * (m_size + 1) > m_keys.size())
+        rehash(std::max<size_t>(16, 2 * m_keys.size()));
+    size_t at = slotOf(row);
+    for (; m_keys[at]; at = (at + 1) & m_mask) {
+        if (m_keys[at] == row)
+            return false;
+    }
+    m_keys[at] = row;
+    m_values[at] = value;
+    ++m_size;
+    return true;
+}
+
 void RowMap::erase(const unsigned char *row)
 {
     if (m_size == 0)
@@ -401,19 +416,18 @@ void GroupIndex::leave(int slot)
 void GroupIndex::addRow(const Record &record)
 {
     unsigned char *row = record.rowPtr();
-    if (!row || m_rows.find(row) >= 0 || !m_filter.accepts(record))
+    if (!row || !m_filter.accepts(record))
         return;
-    const int id = groupOf(record);
-    int slot;
+    const int slot = m_freeSlots.empty() ? static_cast<int>(m_slots.size()) : m_freeSlots.back();
+    if (!m_rows.insertNew(row, slot))
+        return; // in the view already
     if (!m_freeSlots.empty()) {
-        slot = m_freeSlots.back();
         m_freeSlots.pop_back();
     } else {
-        slot = static_cast<int>(m_slots.size());
         m_slots.emplace_back();
         m_values.resize(m_values.size() + m_stored);
     }
-    m_rows.insert(row, slot);
+    const int id = groupOf(record);
     Slot &s = m_slots[static_cast<size_t>(slot)];
     s = Slot();
     s.row = row;
@@ -479,8 +493,22 @@ void GroupIndex::build()
         m_rows.reserve(count);
         m_slots.reserve(count);
         m_values.reserve(count * m_stored);
-        for (const Record &record : *master)
+        // The rows and their places in the row table are fetched a few
+        // rows ahead: both lie anywhere in memory.
+        constexpr int Ahead = 8;
+        auto ahead = master->begin();
+        for (int k = 0; k < Ahead && ahead != master->end(); ++k, ++ahead) {
+            __builtin_prefetch(ahead->rowPtr());
+            m_rows.prefetch(ahead->rowPtr());
+        }
+        for (const Record &record : *master) {
+            if (ahead != master->end()) {
+                __builtin_prefetch(ahead->rowPtr());
+                m_rows.prefetch(ahead->rowPtr());
+                ++ahead;
+            }
             addRow(record);
+        }
     }
     m_reset = true;
     changed();
