@@ -86,19 +86,14 @@ int compareKeys(const Key &a, const Key &b)
 
 void RowMap::insert(const unsigned char *row, int value)
 {
-    // At most half full: probes stay short.
-    if (2 * (m_size + 1) > m_keys.size())
-        rehash(std::max<size_t>(16, 2 * m_keys.size()));
-    size_t at = slotOf(row);
-    while (m_keys[at])
-        at = (at + 1) & m_mask;
-    m_keys[at] = row;
-    m_values[at] = value;
-    ++m_size;
+    const bool added = insertNew(row, value);
+    Q_ASSERT(added);
+    Q_UNUSED(added);
 }
 
 bool RowMap::insertNew(const unsigned char *row, int value)
 {
+    // At most half full: probes stay short.
     if (2 * (m_size + 1) > m_keys.size())
         rehash(std::max<size_t>(16, 2 * m_keys.size()));
     size_t at = slotOf(row);
