@@ -80,6 +80,7 @@ LiveQuery groupQuery()
         .aggregate(QueryAggregate::last("price"))
         .aggregate(QueryAggregate::weightedAverage("price", "qty", "VWAP"))
         .aggregate(QueryAggregate::weightedAverage("amount", "qty"))
+        .aggregate(QueryAggregate::max("board"))
         .withTotal();
 }
 
@@ -135,6 +136,7 @@ std::vector<QVariant> expectedAggregates(const std::vector<const Trade *> &membe
     double priceSum = 0, weighted = 0;
     std::optional<double> minPrice;
     std::optional<long long> maxCents;
+    std::optional<QString> maxBoard;
     const Trade *first = nullptr, *last = nullptr;
     for (const Trade *t : members) {
         ++count;
@@ -164,6 +166,8 @@ std::vector<QVariant> expectedAggregates(const std::vector<const Trade *> &membe
             weightC += *t->qty;
             ++wcN;
         }
+        if (t->board && (!maxBoard || *t->board > *maxBoard))
+            maxBoard = t->board;
         if (!first || t->groupSeq < first->groupSeq)
             first = t;
         if (!last || t->groupSeq > last->groupSeq)
@@ -182,6 +186,7 @@ std::vector<QVariant> expectedAggregates(const std::vector<const Trade *> &membe
         price(last),
         wN && weight ? QVariant(weighted / static_cast<double>(weight)) : QVariant(),
         wcN && weightC ? decimalOf(roundedDivision(weightedCents, weightC)) : QVariant(),
+        opt(maxBoard),
     };
 }
 
@@ -792,6 +797,40 @@ TEST(LiveQueryRowMap, FindsWhatAStandardMapFindsThroughInsertsAndErases)
             ASSERT_EQ(map.find(probe), found == expected.end() ? -1 : found->second) << "step " << step;
         }
     }
+}
+
+// Groups by hash: many keys on few hashes, and hashes that differ only in
+// their high bits, through inserts and erases, against a standard multimap.
+TEST(LiveQueryGroupTable, FindsEachGroupAmongThoseSharingItsHash)
+{
+    livequery::GroupTable table;
+    std::multimap<size_t, int> expected;
+    std::mt19937 random(11);
+    auto hashOf = [](int id) { return static_cast<size_t>(id % 5) << 60; };
+    int next = 0;
+    for (int step = 0; step < 4000; ++step) {
+        if (!expected.empty() && random() % 3 == 0) {
+            auto it = expected.begin();
+            std::advance(it, random() % expected.size());
+            table.erase(it->first, it->second);
+            expected.erase(it);
+        } else if (expected.size() < 40) {
+            const int id = next++;
+            table.insert(hashOf(id), id);
+            expected.emplace(hashOf(id), id);
+        }
+        ASSERT_EQ(table.size(), expected.size());
+        for (int id = std::max(0, next - 60); id < next; ++id) {
+            bool present = false;
+            const auto range = expected.equal_range(hashOf(id));
+            for (auto it = range.first; it != range.second; ++it)
+                present = present || it->second == id;
+            ASSERT_EQ(table.find(hashOf(id), [id](int candidate) { return candidate == id; }), present ? id : -1)
+                << "step " << step << " id " << id;
+        }
+    }
+    table.clear();
+    EXPECT_EQ(table.find(hashOf(1), [](int) { return true; }), -1);
 }
 
 // A view sorted by one number column is built by copying the numbers out

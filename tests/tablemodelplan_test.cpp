@@ -17,7 +17,7 @@ namespace {
 
 using tablemodelplan::ChangedRow;
 using tablemodelplan::Step;
-using Rows = std::vector<unsigned char *>;
+using Rows = tablemodelplan::Rows;
 
 unsigned char storage[4096];
 unsigned char *row(int i)
@@ -107,7 +107,7 @@ Update randomUpdate(QRandomGenerator &random, int size)
     int fresh = 0;
     for (; fresh < size; ++fresh)
         u.rows.push_back(row(fresh));
-    std::vector<unsigned char *> unchanged, moved;
+    tablemodelplan::Rows unchanged, moved;
     std::vector<std::pair<unsigned char *, std::pair<int, int>>> inPlace; // row, table columns
     for (unsigned char *r : u.rows) {
         const int fate = static_cast<int>(random.bounded(10));

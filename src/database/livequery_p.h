@@ -14,6 +14,7 @@
 #include "decimal.h"
 #include "index.h"
 #include "indexsort.h"
+#include "largealloc_p.h"
 #include "livequery.h"
 
 #include <QtCore/QAbstractTableModel>
@@ -127,9 +128,9 @@ public:
         if (m_size == 0)
             return -1;
         for (size_t at = slotOf(row);; at = (at + 1) & m_mask) {
-            if (m_keys[at] == row)
-                return m_values[at];
-            if (!m_keys[at])
+            if (m_entries[at].row == row)
+                return m_entries[at].value;
+            if (!m_entries[at].row)
                 return -1;
         }
     }
@@ -140,8 +141,8 @@ public:
     // Starts the fetch of `row`'s home before its insertNew().
     void prefetch(const unsigned char *row) const
     {
-        if (!m_keys.empty())
-            __builtin_prefetch(&m_keys[slotOf(row)]);
+        if (!m_entries.empty())
+            __builtin_prefetch(&m_entries[slotOf(row)]);
     }
     void erase(const unsigned char *row);
     void reserve(size_t count);
@@ -155,8 +156,49 @@ private:
     }
     void rehash(size_t capacity);
 
-    std::vector<const unsigned char *> m_keys;
-    std::vector<int> m_values;
+    // A row and its number side by side: one cache line per probe.
+    struct Entry
+    {
+        const unsigned char *row = nullptr;
+        int value = 0;
+    };
+    largealloc::Vector<Entry> m_entries;
+    size_t m_mask = 0;
+    size_t m_size = 0;
+};
+
+// Group numbers by their keys' hashes, by open addressing as RowMap: a
+// lookup per row of a million-row build costs a probe or two of a table
+// that stays in the cache. Keys of one hash share it, each entry its own.
+class DATABASE_EXPORT GroupTable
+{
+public:
+    // The group of `hash` that `matches`, or -1.
+    template<typename Matches>
+    int find(size_t hash, Matches matches) const
+    {
+        if (m_size == 0)
+            return -1;
+        for (size_t at = home(hash); m_entries[at].id >= 0; at = (at + 1) & m_mask) {
+            if (m_entries[at].hash == hash && matches(m_entries[at].id))
+                return m_entries[at].id;
+        }
+        return -1;
+    }
+    void insert(size_t hash, int id);
+    void erase(size_t hash, int id);
+    void clear();
+    size_t size() const { return m_size; }
+
+private:
+    struct Entry
+    {
+        size_t hash = 0;
+        int id = -1;
+    };
+    // Mixed again: a key hash may differ in its high bits only.
+    size_t home(size_t hash) const { return static_cast<size_t>((quint64(hash) * 0x9E3779B97F4A7C15ull) >> 32) & m_mask; }
+    std::vector<Entry> m_entries;
     size_t m_mask = 0;
     size_t m_size = 0;
 };
@@ -186,8 +228,10 @@ public:
         int tail = -1;
         bool dirty = false;
     };
-    // What a row gave, to take it back when the row changes (its values are
-    // in m_values, `stored` of them from slot * stored on).
+    // What a row gave, to take it back when the row changes: its numbers
+    // and date-times as words (m_words, m_wordsPerSlot from slot *
+    // m_wordsPerSlot on, their null bits after them), its texts as values
+    // (m_texts likewise).
     struct Slot
     {
         unsigned char *row = nullptr;
@@ -241,8 +285,14 @@ private:
         int weightColumn;
         FieldType::Type type;
         int scale;
-        int stored; // its value's place among a row's stored values (its weight's next), or -1
+        int word; // its value's place among a row's stored words (its weight's next), or -1
+        int text; // or its place among a row's stored texts, or -1
     };
+    // What a slot's row gave `agg`: kept when it joins or changes, read
+    // back to take it away.
+    void keep(int slot, const Agg &agg, const Value &value, const Value &weight);
+    Value kept(int slot, const Agg &agg, bool weight = false) const;
+    void storeWord(int slot, int word, const Value &value);
     void addRow(const Record &record);
     void removeRow(unsigned char *row);
     // Into and out of a group (not the total's order).
@@ -257,7 +307,6 @@ private:
     Row rowOf(const Group &group) const;
     QVariant result(const Group &group, size_t a, const Agg &agg, const Acc &acc, QString *text,
                     QVariant *sortValue) const;
-    Value *storedOf(int slot) { return m_values.data() + static_cast<size_t>(slot) * m_stored; }
 
     Table *m_table;
     GroupModel *m_model;
@@ -268,12 +317,16 @@ private:
 
     std::vector<Group> m_groups;
     std::vector<int> m_free;
-    std::unordered_multimap<size_t, int> m_byHash; // live groups by key hash
+    GroupTable m_byHash; // live groups by key hash
     RowMap m_rows;                                  // row to slot
-    std::vector<Slot> m_slots;
+    largealloc::Vector<Slot> m_slots;
     std::vector<int> m_freeSlots;
-    std::vector<Value> m_values; // the slots' stored values
-    size_t m_stored = 0;         // stored values per slot
+    largealloc::Vector<quint64> m_words;   // the slots' stored numbers and null bits
+    std::vector<Value::Kind> m_wordKinds; // each word's kind
+    size_t m_wordsPerSlot = 0;
+    size_t m_nullWords = 0; // of them, the null bits
+    largealloc::Vector<Value> m_texts; // the slots' stored texts
+    size_t m_textsPerSlot = 0;
     Group m_total;
 
     std::vector<int> m_dirty;

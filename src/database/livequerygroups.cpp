@@ -7,6 +7,7 @@
 #include <QtCore/QLocale>
 
 #include <algorithm>
+#include <cstring>
 
 using namespace livequery;
 
@@ -55,6 +56,24 @@ bool numeric(FieldType::Type type)
         || type == FieldType::Decimal;
 }
 
+// The kind of a column's values when they fit a word, else Null.
+Value::Kind wordKind(FieldType::Type type)
+{
+    switch (type) {
+    case FieldType::Integer:
+    case FieldType::Integer64:
+        return Value::Int;
+    case FieldType::Double:
+        return Value::Double;
+    case FieldType::Decimal:
+        return Value::Decimal;
+    case FieldType::DateTime:
+        return Value::DateTime;
+    default:
+        return Value::Null;
+    }
+}
+
 QString numberText(double value)
 {
     return QLocale::system().toString(value, 'g', 12);
@@ -94,15 +113,14 @@ void RowMap::insert(const unsigned char *row, int value)
 bool RowMap::insertNew(const unsigned char *row, int value)
 {
     // At most half full: probes stay short.
-    if (2 * (m_size + 1) > m_keys.size())
-        rehash(std::max<size_t>(16, 2 * m_keys.size()));
+    if (2 * (m_size + 1) > m_entries.size())
+        rehash(std::max<size_t>(16, 2 * m_entries.size()));
     size_t at = slotOf(row);
-    for (; m_keys[at]; at = (at + 1) & m_mask) {
-        if (m_keys[at] == row)
+    for (; m_entries[at].row; at = (at + 1) & m_mask) {
+        if (m_entries[at].row == row)
             return false;
     }
-    m_keys[at] = row;
-    m_values[at] = value;
+    m_entries[at] = Entry{row, value};
     ++m_size;
     return true;
 }
@@ -112,25 +130,24 @@ void RowMap::erase(const unsigned char *row)
     if (m_size == 0)
         return;
     size_t at = slotOf(row);
-    while (m_keys[at] != row) {
-        if (!m_keys[at])
+    while (m_entries[at].row != row) {
+        if (!m_entries[at].row)
             return;
         at = (at + 1) & m_mask;
     }
     // Backward shift: the rows after it in its run move up where their
     // probe would pass, so that no tombstone is left.
     size_t hole = at;
-    for (size_t next = (hole + 1) & m_mask; m_keys[next]; next = (next + 1) & m_mask) {
-        const size_t home = slotOf(m_keys[next]);
+    for (size_t next = (hole + 1) & m_mask; m_entries[next].row; next = (next + 1) & m_mask) {
+        const size_t home = slotOf(m_entries[next].row);
         // `next` may fill the hole unless its home lies cyclically in (hole, next].
         const bool stays = hole <= next ? (home > hole && home <= next) : (home > hole || home <= next);
         if (!stays) {
-            m_keys[hole] = m_keys[next];
-            m_values[hole] = m_values[next];
+            m_entries[hole] = m_entries[next];
             hole = next;
         }
     }
-    m_keys[hole] = nullptr;
+    m_entries[hole] = Entry();
     --m_size;
 }
 
@@ -139,34 +156,87 @@ void RowMap::reserve(size_t count)
     size_t capacity = 16;
     while (capacity < 2 * count)
         capacity *= 2;
-    if (capacity > m_keys.size())
+    if (capacity > m_entries.size())
         rehash(capacity);
 }
 
 void RowMap::clear()
 {
-    m_keys.clear();
-    m_values.clear();
+    m_entries.clear();
+    m_entries.shrink_to_fit();
     m_mask = 0;
     m_size = 0;
 }
 
 void RowMap::rehash(size_t capacity)
 {
-    std::vector<const unsigned char *> keys(capacity, nullptr);
-    std::vector<int> values(capacity);
-    std::swap(keys, m_keys);
-    std::swap(values, m_values);
+    largealloc::Vector<Entry> entries(capacity);
+    std::swap(entries, m_entries);
     m_mask = capacity - 1;
-    for (size_t k = 0; k < keys.size(); ++k) {
-        if (!keys[k])
+    for (const Entry &e : entries) {
+        if (!e.row)
             continue;
-        size_t at = slotOf(keys[k]);
-        while (m_keys[at])
+        size_t at = slotOf(e.row);
+        while (m_entries[at].row)
             at = (at + 1) & m_mask;
-        m_keys[at] = keys[k];
-        m_values[at] = values[k];
+        m_entries[at] = e;
     }
+}
+
+// ---------------------------------------------------------------------------
+// Groups by hash
+
+void GroupTable::insert(size_t hash, int id)
+{
+    if (2 * (m_size + 1) > m_entries.size()) {
+        std::vector<Entry> entries(std::max<size_t>(16, 2 * m_entries.size()));
+        std::swap(entries, m_entries);
+        m_mask = m_entries.size() - 1;
+        for (const Entry &e : entries) {
+            if (e.id < 0)
+                continue;
+            size_t at = home(e.hash);
+            while (m_entries[at].id >= 0)
+                at = (at + 1) & m_mask;
+            m_entries[at] = e;
+        }
+    }
+    size_t at = home(hash);
+    while (m_entries[at].id >= 0)
+        at = (at + 1) & m_mask;
+    m_entries[at] = Entry{hash, id};
+    ++m_size;
+}
+
+void GroupTable::erase(size_t hash, int id)
+{
+    if (m_size == 0)
+        return;
+    size_t at = home(hash);
+    while (m_entries[at].id != id) {
+        if (m_entries[at].id < 0)
+            return;
+        at = (at + 1) & m_mask;
+    }
+    // Backward shift, as RowMap::erase.
+    size_t hole = at;
+    for (size_t next = (hole + 1) & m_mask; m_entries[next].id >= 0; next = (next + 1) & m_mask) {
+        const size_t want = home(m_entries[next].hash);
+        const bool stays = hole <= next ? (want > hole && want <= next) : (want > hole || want <= next);
+        if (!stays) {
+            m_entries[hole] = m_entries[next];
+            hole = next;
+        }
+    }
+    m_entries[hole] = Entry();
+    --m_size;
+}
+
+void GroupTable::clear()
+{
+    m_entries.clear();
+    m_mask = 0;
+    m_size = 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -181,7 +251,7 @@ GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
     for (const QString &name : query.groupColumns())
         m_groupColumns.push_back(columnOf(table, name));
     for (const QueryAggregate &a : query.aggregates()) {
-        Agg agg{a.kind, -1, -1, FieldType::Invalid, 0, -1};
+        Agg agg{a.kind, -1, -1, FieldType::Invalid, 0, -1, -1};
         if (a.kind != QueryAggregate::Count) {
             agg.column = columnOf(table, a.column);
             agg.type = table->columnType(agg.column);
@@ -200,12 +270,70 @@ GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
         // First and last read their row when asked; the others take back
         // what the row gave, which the row no longer holds once it changed.
         if (agg.column >= 0 && a.kind != QueryAggregate::First && a.kind != QueryAggregate::Last) {
-            agg.stored = static_cast<int>(m_stored);
-            m_stored += agg.weightColumn >= 0 ? 2 : 1;
+            // A number or a date-time fits a word (a weighted average's
+            // weight is a number too); a million rows then keep 8 bytes a
+            // value, not a whole Value.
+            const Value::Kind kind = wordKind(agg.type);
+            if (kind != Value::Null) {
+                agg.word = static_cast<int>(m_wordKinds.size());
+                m_wordKinds.push_back(kind);
+                if (agg.weightColumn >= 0)
+                    m_wordKinds.push_back(wordKind(table->columnType(agg.weightColumn)));
+            } else {
+                agg.text = static_cast<int>(m_textsPerSlot++);
+            }
         }
         m_aggs.push_back(agg);
     }
+    m_nullWords = (m_wordKinds.size() + 63) / 64;
+    m_wordsPerSlot = m_wordKinds.size() + m_nullWords;
     m_total.accs.resize(m_aggs.size());
+}
+
+void GroupIndex::storeWord(int slot, int word, const Value &value)
+{
+    Q_ASSERT(value.kind == Value::Null || value.kind == m_wordKinds[static_cast<size_t>(word)]);
+    quint64 *words = m_words.data() + static_cast<size_t>(slot) * m_wordsPerSlot;
+    quint64 &nulls = words[m_wordKinds.size() + static_cast<size_t>(word) / 64];
+    const quint64 bit = quint64(1) << (word % 64);
+    if (value.kind == Value::Null) {
+        nulls |= bit;
+        words[word] = 0;
+        return;
+    }
+    nulls &= ~bit;
+    if (value.kind == Value::Double)
+        std::memcpy(&words[word], &value.d, sizeof(double));
+    else
+        words[word] = static_cast<quint64>(value.i);
+}
+
+void GroupIndex::keep(int slot, const Agg &agg, const Value &value, const Value &weight)
+{
+    if (agg.text >= 0) {
+        m_texts[static_cast<size_t>(slot) * m_textsPerSlot + static_cast<size_t>(agg.text)] = value;
+        return;
+    }
+    storeWord(slot, agg.word, value);
+    if (agg.weightColumn >= 0)
+        storeWord(slot, agg.word + 1, weight);
+}
+
+Value GroupIndex::kept(int slot, const Agg &agg, bool weight) const
+{
+    if (agg.text >= 0)
+        return m_texts[static_cast<size_t>(slot) * m_textsPerSlot + static_cast<size_t>(agg.text)];
+    const int word = agg.word + (weight ? 1 : 0);
+    const quint64 *words = m_words.data() + static_cast<size_t>(slot) * m_wordsPerSlot;
+    Value value;
+    if (words[m_wordKinds.size() + static_cast<size_t>(word) / 64] & (quint64(1) << (word % 64)))
+        return value;
+    value.kind = m_wordKinds[static_cast<size_t>(word)];
+    if (value.kind == Value::Double)
+        std::memcpy(&value.d, &words[word], sizeof(double));
+    else
+        value.i = static_cast<long long>(words[word]);
+    return value;
 }
 
 void GroupIndex::contribute(Acc &acc, const Agg &agg, const Value &value, const Value &weight, int sign)
@@ -317,11 +445,10 @@ bool GroupIndex::keyMatches(const Record &record, const Key &key) const
 int GroupIndex::groupOf(const Record &record)
 {
     const size_t hash = keyHash(record);
-    const auto range = m_byHash.equal_range(hash);
-    for (auto it = range.first; it != range.second; ++it) {
-        if (keyMatches(record, m_groups[static_cast<size_t>(it->second)].key))
-            return it->second;
-    }
+    const int found = m_byHash.find(
+        hash, [&](int id) { return keyMatches(record, m_groups[static_cast<size_t>(id)].key); });
+    if (found >= 0)
+        return found;
     int id;
     if (!m_free.empty()) {
         id = m_free.back();
@@ -335,7 +462,7 @@ int GroupIndex::groupOf(const Record &record)
     group.key = keyOf(record, m_groupColumns);
     group.hash = hash;
     group.accs.resize(m_aggs.size());
-    m_byHash.emplace(hash, id);
+    m_byHash.insert(hash, id);
     return id;
 }
 
@@ -354,17 +481,13 @@ void GroupIndex::join(int slot, int id, const Record &record)
     Slot &s = m_slots[static_cast<size_t>(slot)];
     s.group = id;
     Group &group = m_groups[static_cast<size_t>(id)];
-    Value *stored = storedOf(slot);
     for (size_t a = 0; a < m_aggs.size(); ++a) {
         const Agg &agg = m_aggs[a];
-        if (agg.stored < 0)
+        if (agg.word < 0 && agg.text < 0)
             continue;
-        Value &value = stored[agg.stored];
-        value = Value::of(record.data(agg.column));
-        static const Value none;
-        const Value &weight = agg.weightColumn >= 0 ? stored[agg.stored + 1] : none;
-        if (agg.weightColumn >= 0)
-            stored[agg.stored + 1] = Value::of(record.data(agg.weightColumn));
+        const Value value = Value::of(record.data(agg.column));
+        const Value weight = agg.weightColumn >= 0 ? Value::of(record.data(agg.weightColumn)) : Value();
+        keep(slot, agg, value, weight);
         contribute(group.accs[a], agg, value, weight, 1);
         contribute(m_total.accs[a], agg, value, weight, 1);
     }
@@ -384,18 +507,18 @@ void GroupIndex::leave(int slot)
 {
     Slot &s = m_slots[static_cast<size_t>(slot)];
     Group &group = m_groups[static_cast<size_t>(s.group)];
-    Value *stored = storedOf(slot);
     for (size_t a = 0; a < m_aggs.size(); ++a) {
         const Agg &agg = m_aggs[a];
-        if (agg.stored < 0)
+        if (agg.word < 0 && agg.text < 0)
             continue;
-        static const Value none;
-        const Value &weight = agg.weightColumn >= 0 ? stored[agg.stored + 1] : none;
-        contribute(group.accs[a], agg, stored[agg.stored], weight, -1);
-        contribute(m_total.accs[a], agg, stored[agg.stored], weight, -1);
+        const Value value = kept(slot, agg);
+        const Value weight = agg.weightColumn >= 0 ? kept(slot, agg, true) : Value();
+        contribute(group.accs[a], agg, value, weight, -1);
+        contribute(m_total.accs[a], agg, value, weight, -1);
     }
-    for (size_t k = 0; k < m_stored; ++k)
-        stored[k] = Value();
+    // The texts go now; the words are written over when the slot is taken again.
+    for (size_t k = 0; k < m_textsPerSlot; ++k)
+        m_texts[static_cast<size_t>(slot) * m_textsPerSlot + k] = Value();
     --group.count;
     if (s.prev >= 0)
         m_slots[static_cast<size_t>(s.prev)].next = s.next;
@@ -420,7 +543,8 @@ void GroupIndex::addRow(const Record &record)
         m_freeSlots.pop_back();
     } else {
         m_slots.emplace_back();
-        m_values.resize(m_values.size() + m_stored);
+        m_words.resize(m_words.size() + m_wordsPerSlot);
+        m_texts.resize(m_texts.size() + m_textsPerSlot);
     }
     const int id = groupOf(record);
     Slot &s = m_slots[static_cast<size_t>(slot)];
@@ -472,7 +596,8 @@ void GroupIndex::clear()
     m_rows.clear();
     m_slots.clear();
     m_freeSlots.clear();
-    m_values.clear();
+    m_words.clear();
+    m_texts.clear();
     m_total = Group();
     m_total.accs.resize(m_aggs.size());
     m_dirty.clear();
@@ -487,19 +612,25 @@ void GroupIndex::build()
         const auto count = static_cast<size_t>(master->count());
         m_rows.reserve(count);
         m_slots.reserve(count);
-        m_values.reserve(count * m_stored);
+        m_words.reserve(count * m_wordsPerSlot);
+        m_texts.reserve(count * m_textsPerSlot);
         // The rows and their places in the row table are fetched a few
         // rows ahead: both lie anywhere in memory.
-        constexpr int Ahead = 8;
+        // A row takes a line or two.
+        constexpr int Ahead = 32;
+        const bool twoLines = m_table->rowSize() > 64;
+        auto fetch = [&](const unsigned char *row) {
+            __builtin_prefetch(row);
+            if (twoLines)
+                __builtin_prefetch(row + 64);
+            m_rows.prefetch(row);
+        };
         auto ahead = master->begin();
-        for (int k = 0; k < Ahead && ahead != master->end(); ++k, ++ahead) {
-            __builtin_prefetch(ahead->rowPtr());
-            m_rows.prefetch(ahead->rowPtr());
-        }
+        for (int k = 0; k < Ahead && ahead != master->end(); ++k, ++ahead)
+            fetch(ahead->rowPtr());
         for (const Record &record : *master) {
             if (ahead != master->end()) {
-                __builtin_prefetch(ahead->rowPtr());
-                m_rows.prefetch(ahead->rowPtr());
+                fetch(ahead->rowPtr());
                 ++ahead;
             }
             addRow(record);
@@ -536,23 +667,19 @@ void GroupIndex::update(const Record &record, int, int, int)
     const int id = m_slots[static_cast<size_t>(slot)].group;
     if (keyMatches(record, m_groups[static_cast<size_t>(id)].key)) {
         Group &group = m_groups[static_cast<size_t>(id)];
-        Value *stored = storedOf(slot);
         for (size_t a = 0; a < m_aggs.size(); ++a) {
             const Agg &agg = m_aggs[a];
-            if (agg.stored < 0)
+            if (agg.word < 0 && agg.text < 0)
                 continue;
-            Value value = Value::of(record.data(agg.column));
-            Value weight = agg.weightColumn >= 0 ? Value::of(record.data(agg.weightColumn)) : Value();
-            static const Value none;
-            Value &was = stored[agg.stored];
-            const Value &wasWeight = agg.weightColumn >= 0 ? stored[agg.stored + 1] : none;
+            const Value value = Value::of(record.data(agg.column));
+            const Value weight = agg.weightColumn >= 0 ? Value::of(record.data(agg.weightColumn)) : Value();
+            const Value was = kept(slot, agg);
+            const Value wasWeight = agg.weightColumn >= 0 ? kept(slot, agg, true) : Value();
             contribute(group.accs[a], agg, was, wasWeight, -1);
             contribute(m_total.accs[a], agg, was, wasWeight, -1);
             contribute(group.accs[a], agg, value, weight, 1);
             contribute(m_total.accs[a], agg, value, weight, 1);
-            was = std::move(value);
-            if (agg.weightColumn >= 0)
-                stored[agg.stored + 1] = std::move(weight);
+            keep(slot, agg, value, weight);
         }
         markDirty(id);
     } else {
@@ -720,13 +847,7 @@ void GroupIndex::take(std::vector<Row> &changed, std::vector<Key> &gone, Row *to
     for (int id : m_dirty) {
         Group &group = m_groups[static_cast<size_t>(id)];
         if (group.count == 0 && !group.key.empty()) {
-            const auto range = m_byHash.equal_range(group.hash);
-            for (auto it = range.first; it != range.second; ++it) {
-                if (it->second == id) {
-                    m_byHash.erase(it);
-                    break;
-                }
-            }
+            m_byHash.erase(group.hash, id);
             group = Group();
             m_free.push_back(id);
         }

@@ -113,7 +113,7 @@ public:
     void detach();
     void post();
     // The index's rows now; false when there is nothing to read.
-    bool readSource(std::vector<unsigned char *> &rows) const;
+    bool readSource(tablemodelplan::Rows &rows) const;
     void update(bool forceLayout);
     // Marks the model as signalling until the guard goes; the cells read
     // meanwhile are kept by row until then.
@@ -158,7 +158,7 @@ public:
     // them. It signals without the lock, so that views' slots never run
     // under it; a clear meanwhile holds these rows as well as `rows`.
     // Written under the lock only.
-    std::vector<unsigned char *> incoming;
+    tablemodelplan::Rows incoming;
 
     // Cells read since the last update, a page of rows and one role at a
     // time, most recent first.
@@ -192,7 +192,7 @@ public:
     // The model's thread only; `rows` is also read by the listener, and so
     // is swapped under the lock.
     mutable std::vector<Page> pages;
-    std::vector<unsigned char *> rows;
+    tablemodelplan::Rows rows;
     TableModelRows view;
     int threshold;
     int interval = 0;

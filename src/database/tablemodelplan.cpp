@@ -20,7 +20,7 @@ RowFilter::RowFilter(size_t expected)
 // ---------------------------------------------------------------------------
 // The rows as the view sees them
 
-void TableModelRows::reset(const std::vector<unsigned char *> &rows)
+void TableModelRows::reset(const tablemodelplan::Rows &rows)
 {
     m_pieces.clear();
     if (!rows.empty())
@@ -275,7 +275,7 @@ void planInPlace(const std::vector<ChangedRow> &changed, const std::vector<int> 
     dataSteps(order, columns, threshold, steps);
 }
 
-bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned char *> &next,
+bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
           std::vector<Step> &steps)
 {
@@ -469,7 +469,7 @@ bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned c
     return true;
 }
 
-void verifyShown(const TableModelRows &view, const std::vector<unsigned char *> &rows)
+void verifyShown(const TableModelRows &view, const tablemodelplan::Rows &rows)
 {
     if (view.count() != static_cast<int>(rows.size()))
         qFatal("TableModel: the signals left %d rows shown, the index has %d", view.count(),

@@ -11,10 +11,17 @@
 //
 
 #include "database_export.h"
+#include "largealloc_p.h"
 
 #include <QtCore/QtGlobal>
 
 #include <vector>
+
+namespace tablemodelplan {
+// A view's rows: a million of them are read into it on each update, so it
+// takes its pages a huge page at a time.
+using Rows = largealloc::Vector<unsigned char *>;
+} // namespace tablemodelplan
 
 // A bit per hash of a row address: most rows of a pass over a million
 // handles are not among the changed ones, and a bit test tells so without
@@ -52,7 +59,7 @@ class DATABASE_EXPORT TableModelRows
 public:
     enum Origin : quint8 { Old, New };
 
-    void reset(const std::vector<unsigned char *> &rows);
+    void reset(const tablemodelplan::Rows &rows);
     int count() const { return m_count; }
     unsigned char *at(int i) const;
     // Where element `index` of the old or new snapshot stands now; -1 if
@@ -122,7 +129,7 @@ struct DATABASE_EXPORT Step
 // signals (Remove, Insert and Move steps), answers false: the update is
 // one layoutChanged. The Data steps come last, in positions of `next`; past
 // `threshold` of them they are one step spanning them all.
-DATABASE_EXPORT bool plan(const std::vector<unsigned char *> &rows, const std::vector<unsigned char *> &next,
+DATABASE_EXPORT bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
                           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
                           std::vector<Step> &steps);
 
@@ -135,7 +142,7 @@ DATABASE_EXPORT void planInPlace(const std::vector<ChangedRow> &changed, const s
 // Stops the program, naming the first difference, unless the view shows
 // exactly `rows`: what an update's signals left against what it read from
 // the index. Builds with DATABASE_CHECKS run it after every update.
-DATABASE_EXPORT void verifyShown(const TableModelRows &view, const std::vector<unsigned char *> &rows);
+DATABASE_EXPORT void verifyShown(const TableModelRows &view, const tablemodelplan::Rows &rows);
 
 } // namespace tablemodelplan
 

@@ -105,7 +105,7 @@ void TableModelListener::holdRows()
     if (!pending.viewKept && !m->stale) {
         pending.viewKept = true;
         pending.kept.reserve(pending.kept.size() + m->rows.size() + m->incoming.size());
-        for (const std::vector<unsigned char *> *shown : {&m->rows, &m->incoming}) {
+        for (const tablemodelplan::Rows *shown : {&m->rows, &m->incoming}) {
             for (unsigned char *row : *shown)
                 pending.kept.push_back(TableModel::recordOf(m->table, row));
         }
@@ -238,7 +238,7 @@ void TableModelPrivate::post()
     QCoreApplication::postEvent(q, new QEvent(TableModelPrivate::UpdateEvent));
 }
 
-bool TableModelPrivate::readSource(std::vector<unsigned char *> &out) const
+bool TableModelPrivate::readSource(tablemodelplan::Rows &out) const
 {
     out.clear();
     if (!table)
@@ -288,7 +288,7 @@ void TableModelPrivate::update(bool forceLayout)
     std::vector<tablemodelplan::Step> inPlace;
     bool movedNone = false;
 #ifdef DATABASE_CHECKS
-    std::vector<unsigned char *> shown; // what an update in place must leave
+    tablemodelplan::Rows shown; // what an update in place must leave
 #endif
     {
         TableLocker locker(table);
@@ -382,7 +382,7 @@ void TableModelPrivate::updateReset()
 
 void TableModelPrivate::updateLayout()
 {
-    std::vector<unsigned char *> &next = incoming;
+    tablemodelplan::Rows &next = incoming;
     Q_EMIT q->layoutAboutToBeChanged();
     const QModelIndexList from = q->persistentIndexList();
     QModelIndexList to;

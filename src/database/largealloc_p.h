@@ -1,0 +1,70 @@
+#ifndef DATABASE_LARGEALLOC_P_H
+#define DATABASE_LARGEALLOC_P_H
+
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the database API. It exists for the convenience
+// of the library's own sources and may change from version to version
+// without notice.
+//
+
+#include "database_export.h"
+
+#include <cstddef>
+#include <new>
+#include <vector>
+
+// Arrays of many megabytes (a view's slots over a million rows, its row
+// table) are touched page by page as they fill, and a fault per 4 KiB page
+// costs more than the work done in it. Such arrays are mapped on their own,
+// aligned to and advised for huge pages; smaller ones come from the heap.
+namespace largealloc {
+
+// Blocks of at least this many bytes are mapped; their size is rounded up
+// to a whole number of huge pages.
+constexpr std::size_t Threshold = std::size_t(2) << 20;
+
+// Zeroed when mapped; throws std::bad_alloc when the memory is not there.
+DATABASE_EXPORT void *allocate(std::size_t bytes);
+// `bytes` as given to allocate().
+DATABASE_EXPORT void deallocate(void *block, std::size_t bytes) noexcept;
+
+template <typename T>
+struct Allocator
+{
+    using value_type = T;
+
+    Allocator() = default;
+    template <typename U>
+    Allocator(const Allocator<U> &) noexcept
+    {
+    }
+
+    T *allocate(std::size_t n)
+    {
+        if (n > std::size_t(-1) / sizeof(T))
+            throw std::bad_alloc();
+        return static_cast<T *>(largealloc::allocate(n * sizeof(T)));
+    }
+    void deallocate(T *p, std::size_t n) noexcept { largealloc::deallocate(p, n * sizeof(T)); }
+
+    template <typename U>
+    bool operator==(const Allocator<U> &) const noexcept
+    {
+        return true;
+    }
+    template <typename U>
+    bool operator!=(const Allocator<U> &) const noexcept
+    {
+        return false;
+    }
+};
+
+template <typename T>
+using Vector = std::vector<T, Allocator<T>>;
+
+} // namespace largealloc
+
+#endif // DATABASE_LARGEALLOC_P_H
