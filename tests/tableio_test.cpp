@@ -398,6 +398,34 @@ TEST(TableIO, BigCompressedFoldersOnEveryCore)
     EXPECT_NEAR(serial.rowCount(), loaded.rowCount(), 256 * 1024 / 40);
 }
 
+// The loader hands rows to the indexes in batches of 10,240 and writes each
+// batch over the last: a file of whole batches, and one a row past them,
+// come back with every row once, in the file's order, in the indexes too.
+TEST(TableIO, LoadsEndingOnABatchBoundaryKeepEveryRow)
+{
+    for (const int rows : {20480, 20481}) {
+        Table table(QStringLiteral("t"));
+        table.addColumn(QStringLiteral("n"), FieldType::Integer64);
+        {
+            TableUpdater updater(&table);
+            for (int i = 0; i < rows; ++i) {
+                const Record row(&table);
+                row.data(0) = static_cast<long long>(rows - i);
+                row.append();
+            }
+        }
+        const QByteArray stream = save(table);
+        Table loaded(QStringLiteral("t"));
+        loaded.addColumn(QStringLiteral("n"), FieldType::Integer64);
+        IndexList list(&loaded, true);
+        load(loaded, stream);
+        EXPECT_EQ(save(loaded), stream) << rows;
+        ASSERT_EQ(list.count(), rows);
+        EXPECT_EQ(list.at(0).data(0).asInteger64(), rows);
+        EXPECT_EQ(list.at(rows - 1).data(0).asInteger64(), 1);
+    }
+}
+
 TEST(TableIO, StoredFilesStillRead)
 {
     const QDir data(QStringLiteral(DATABASE_TEST_DATA));

@@ -295,24 +295,34 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     // reads past it (see tablerecords_p.h for damaged streams).
     const qint64 layout = static_cast<qint64>(saved.rowSize()) - Table::base;
     const WholeCopy whole = wholeCopy(list, m_table, &saved);
+    // A list holds each handle in a node of its own: the batch's nodes are
+    // made once and written over batch after batch, so that a million rows
+    // do not cost a million allocations and frees of handles.
     QList<Record> batch;
     batch.reserve(BatchSize);
+    int filled = 0;
     // Made-up rows past the end also stop at 256 MiB of rows, so that a few
     // bytes that promise wide rows cannot claim gigabytes.
     const qint64 maxPastEnd = std::max<qint64>(
         1, std::min<qint64>(MaxRowsPastEnd, MaxBytesPastEnd / static_cast<qint64>(m_table->rowSize())));
     tablerecords::read(stream, layout, recordLength, rowCount, maxPastEnd, [&](const unsigned char *from) {
-        const Record row(m_table);
+        Record row(m_table);
         if (whole.enabled)
             whole.copy(row.rowPtr() + Table::base, from);
         else
             convertDefs(list, row.rowPtr() + Table::base, const_cast<unsigned char *>(from));
-        if (batch.size() == BatchSize) {
+        if (filled == BatchSize) {
             m_table->appendList(batch);
-            batch.clear();
+            filled = 0;
         }
-        batch.append(row);
+        if (filled < batch.size())
+            batch[filled] = std::move(row);
+        else
+            batch.append(row);
+        ++filled;
     });
+    if (filled < batch.size())
+        batch.erase(batch.begin() + filled, batch.end());
     if (!batch.isEmpty())
         m_table->appendList(batch);
 }
