@@ -84,7 +84,7 @@ TEST(SortBatch, LocateFindsEveryRowWhereverItStands)
             }
             Item stranger{&strangers[0]};
             asked.push_back(&stranger);
-            const std::vector<sortbatch::RowPosition> positions = sortbatch::locate(ByKey(), list, asked);
+            const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
             ASSERT_TRUE(std::is_sorted(positions.begin(), positions.end()));
             for (const Item *item : asked) {
                 const auto at = std::find(all.begin(), all.end(), *item);

@@ -168,7 +168,7 @@ QMap<Record, int> IndexSort::indexOfs(QList<Record> records) const
     pointers.reserve(static_cast<size_t>(records.size()));
     for (const Record &record : qAsConst(records))
         pointers.push_back(&record);
-    const std::vector<RowPosition> positions = locate(IndexOrder{this}, m_list, pointers);
+    const Positions positions = locate(IndexOrder{this}, m_list, pointers);
     QMap<Record, int> result;
     for (const Record &record : qAsConst(records))
         result.insert(record, positionOf(positions, record));

@@ -10,6 +10,7 @@
 // without notice.
 //
 
+#include "largealloc_p.h"
 #include "partitionlist.h"
 
 #include <QtCore/QList>
@@ -36,6 +37,10 @@ struct RowPosition
     int position;
     bool operator<(const RowPosition &other) const { return std::less<const unsigned char *>()(row, other.row); }
 };
+
+// A batch of a million changes locates a million rows: its tables take
+// their pages a huge page at a time.
+using Positions = largealloc::Vector<RowPosition>;
 
 // Where `row` stands among the at most `limit` handles from position `from`
 // on, or -1. A record sits in the run of its key, which starts at the lower
@@ -85,7 +90,7 @@ int boundIn(const Order &order, const PartitionList<T> &list, const T &element, 
 }
 
 template <typename T>
-int positionOf(const std::vector<RowPosition> &positions, const T &element)
+int positionOf(const Positions &positions, const T &element)
 {
     const RowPosition key{element.rowPtr(), -1};
     const auto found = std::lower_bound(positions.begin(), positions.end(), key);
@@ -140,20 +145,21 @@ void lockstepSearch(const Order &order, const PartitionList<T> &list, int count,
 // records in one sweep instead of one walk each (an arrival-order index is a
 // single run).
 template <typename T, typename Order>
-std::vector<RowPosition> locate(const Order &order, const PartitionList<T> &list, const std::vector<const T *> &records)
+Positions locate(const Order &order, const PartitionList<T> &list, const std::vector<const T *> &records)
 {
-    std::vector<RowPosition> positions;
-    positions.reserve(records.size());
-    std::vector<RowPosition> missing;
+    Positions positions;
+    Positions missing;
     const int n = list.count();
     // A search costs some twenty probes, each reaching a scattered row,
     // against a few nanoseconds for a step of the pass: for large batches
     // one pass over everything is cheaper than a search per record.
     const bool passOnly = static_cast<double>(records.size()) * std::log2(n + 1.0) * 10.0 >= n;
     if (passOnly) {
+        missing.reserve(records.size());
         for (const T *record : records)
             missing.push_back({record->rowPtr(), -1});
     } else {
+        positions.reserve(records.size());
         // A record missing from its run needs the pass, and the pass finds
         // every record: after the first miss the searches stop, and the rest
         // wait for the pass (a batch that changed the order's columns misses
@@ -196,8 +202,8 @@ std::vector<RowPosition> locate(const Order &order, const PartitionList<T> &list
         while (capacity < 2 * missing.size())
             capacity *= 2;
         const size_t mask = capacity - 1;
-        std::vector<const unsigned char *> hashRows(capacity, nullptr);
-        std::vector<int> hashPosition(capacity, -1);
+        largealloc::Vector<const unsigned char *> hashRows(capacity, nullptr);
+        largealloc::Vector<int> hashPosition(capacity, -1);
         auto slotOf = [&](const unsigned char *row) {
             quint64 x = reinterpret_cast<quintptr>(row);
             x ^= x >> 33;
@@ -245,7 +251,10 @@ std::vector<RowPosition> locate(const Order &order, const PartitionList<T> &list
         });
         for (RowPosition &m : missing)
             m.position = hashPosition[slotOf(m.row)];
-        positions.insert(positions.end(), missing.begin(), missing.end());
+        if (positions.empty())
+            positions.swap(missing);
+        else
+            positions.insert(positions.end(), missing.begin(), missing.end());
     }
     std::sort(positions.begin(), positions.end());
     return positions;
@@ -268,7 +277,7 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
         changed.push_back(&record);
     for (const T &record : updated)
         changed.push_back(&record);
-    const std::vector<RowPosition> positions = locate(order, list, changed);
+    const Positions positions = locate(order, list, changed);
 
     // Positions to delete: those of the first passes, kept sorted, and the
     // few that the re-check below adds.
