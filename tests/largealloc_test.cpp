@@ -47,3 +47,19 @@ TEST(LargeAlloc, AVectorKeepsItsElementsWhileItGrowsPastTheThreshold)
     largealloc::Vector<std::uint64_t> copy(values);
     EXPECT_EQ(copy, values);
 }
+
+// The buffer sized without zeroing: what it holds is kept through growth,
+// and values given to resize or a copy are the ones stored.
+TEST(LargeAlloc, AnUninitialisedVectorKeepsWhatWasWritten)
+{
+    largealloc::UninitVector<int> values;
+    values.resize(1000);
+    for (int k = 0; k < 1000; ++k)
+        values[static_cast<size_t>(k)] = k;
+    values.resize(static_cast<size_t>(largealloc::Threshold), 7);
+    EXPECT_EQ(values[999], 999);
+    EXPECT_EQ(values[1000], 7);
+    EXPECT_EQ(values.back(), 7);
+    const largealloc::UninitVector<int> copy(values.begin(), values.begin() + 3);
+    EXPECT_EQ(copy, (largealloc::UninitVector<int>{0, 1, 2}));
+}

@@ -14,6 +14,8 @@
 
 #include <cstddef>
 #include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 // Arrays of many megabytes (a view's slots over a million rows, its row
@@ -64,6 +66,40 @@ struct Allocator
 
 template <typename T>
 using Vector = std::vector<T, Allocator<T>>;
+
+// The same, but resize() leaves new elements default-initialised: a
+// pointer or a number is whatever the memory held. For a buffer that is
+// written in full right after it is sized, so that sizing it does not cost
+// a pass of its own.
+template <typename T>
+struct UninitAllocator : Allocator<T>
+{
+    template <typename U>
+    struct rebind
+    {
+        using other = UninitAllocator<U>;
+    };
+
+    UninitAllocator() = default;
+    template <typename U>
+    UninitAllocator(const UninitAllocator<U> &) noexcept
+    {
+    }
+
+    template <typename U>
+    void construct(U *p) noexcept(std::is_nothrow_default_constructible<U>::value)
+    {
+        ::new (static_cast<void *>(p)) U;
+    }
+    template <typename U, typename... Args>
+    void construct(U *p, Args &&...args)
+    {
+        ::new (static_cast<void *>(p)) U(std::forward<Args>(args)...);
+    }
+};
+
+template <typename T>
+using UninitVector = std::vector<T, UninitAllocator<T>>;
 
 } // namespace largealloc
 

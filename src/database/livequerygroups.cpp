@@ -2,6 +2,7 @@
 
 #include "exception.h"
 #include "masterindex.h"
+#include "tsan_p.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLocale>
@@ -916,7 +917,11 @@ void GroupModel::post()
     if (m_posted)
         return;
     m_posted = true;
-    QCoreApplication::postEvent(this, new QEvent(UpdateEvent));
+    // Handed over through Qt's event queue, whose lock the thread checker
+    // does not see: stated to it here and in event().
+    auto *update = new QEvent(UpdateEvent);
+    tsanRelease(update);
+    QCoreApplication::postEvent(this, update);
 }
 
 bool GroupModel::hasPendingChanges() const
@@ -929,6 +934,7 @@ bool GroupModel::hasPendingChanges() const
 
 bool GroupModel::event(QEvent *event)
 {
+    tsanAcquire(event);
     if (event->type() == UpdateEvent) {
         update();
         return true;

@@ -1,5 +1,6 @@
 #include "tablemodel.h"
 #include "tablemodel_p.h"
+#include "tsan_p.h"
 
 #include "indexlist.h"
 #include "indexvector.h"
@@ -224,6 +225,7 @@ void TableModel::refresh()
 
 bool TableModel::event(QEvent *event)
 {
+    tsanAcquire(event);
     if (event->type() != TableModelPrivate::UpdateEvent)
         return QAbstractTableModel::event(event);
     const qint64 elapsed = d->sinceUpdate.isValid() ? d->sinceUpdate.elapsed() : LLONG_MAX;

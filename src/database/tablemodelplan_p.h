@@ -19,8 +19,9 @@
 
 namespace tablemodelplan {
 // A view's rows: a million of them are read into it on each update, so it
-// takes its pages a huge page at a time.
-using Rows = largealloc::Vector<unsigned char *>;
+// takes its pages a huge page at a time, and is sized without zeroing
+// before it is written over.
+using Rows = largealloc::UninitVector<unsigned char *>;
 } // namespace tablemodelplan
 
 // A bit per hash of a row address: most rows of a pass over a million
