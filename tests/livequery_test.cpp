@@ -769,34 +769,67 @@ TEST(LiveQuery, GroupsByAColumnAJoinFills)
 
 // The grouped view's row table: random inserts and erases over a pool small
 // enough that runs wrap around the end of the table and every erase shifts
-// rows back, checked against a standard map after each step.
+// entries back, checked against a standard map after each step. A row's
+// value is its place in the pool, through which the table checks a
+// candidate; rows of one home and one tag need that check.
 TEST(LiveQueryRowMap, FindsWhatAStandardMapFindsThroughInsertsAndErases)
 {
     std::vector<unsigned char> block(24);
     std::vector<const unsigned char *> pool;
     for (unsigned char &b : block)
         pool.push_back(&b);
+    auto rowOf = [&pool](int value) { return pool[static_cast<size_t>(value)]; };
     livequery::RowMap map;
     std::unordered_map<const unsigned char *, int> expected;
     std::mt19937 random(7);
     for (int step = 0; step < 20000; ++step) {
-        const unsigned char *row = pool[random() % pool.size()];
+        const int index = static_cast<int>(random() % pool.size());
+        const unsigned char *row = pool[static_cast<size_t>(index)];
         if (step == 10000) {
             map.clear();
             expected.clear();
         } else if (expected.count(row)) {
-            map.erase(row);
+            ASSERT_EQ(map.erase(row, rowOf), index);
             expected.erase(row);
         } else if (expected.size() < 15) {
-            map.insert(row, step);
-            expected[row] = step;
+            if (step % 2)
+                map.insert(row, index, rowOf);
+            else
+                ASSERT_TRUE(map.insertNew(row, index, rowOf));
+            ASSERT_FALSE(map.insertNew(row, index, rowOf));
+            expected[row] = index;
         }
         ASSERT_EQ(map.size(), expected.size());
         for (const unsigned char *probe : pool) {
             const auto found = expected.find(probe);
-            ASSERT_EQ(map.find(probe), found == expected.end() ? -1 : found->second) << "step " << step;
+            ASSERT_EQ(map.find(probe, rowOf), found == expected.end() ? -1 : found->second) << "step " << step;
         }
     }
+    EXPECT_EQ(map.erase(pool[0], rowOf), expected.count(pool[0]) ? 0 : -1);
+
+    // Two rows whose hashes share their high half, so the tag alone cannot
+    // tell them apart: the second is the first plus the multiplier's
+    // inverse, so that its product is one more. The table never reads
+    // through a row address, only compares it.
+    const quint64 multiplier = 0x9E3779B97F4A7C15ull;
+    quint64 inverse = multiplier;
+    for (int k = 0; k < 6; ++k)
+        inverse *= 2 - multiplier * inverse;
+    ASSERT_EQ(multiplier * inverse, 1u);
+    const quintptr first = 0x100000;
+    std::vector<const unsigned char *> twins{reinterpret_cast<const unsigned char *>(first),
+                                             reinterpret_cast<const unsigned char *>(first + inverse)};
+    ASSERT_EQ((quint64(first) * multiplier) >> 32, (quint64(first + inverse) * multiplier) >> 32);
+    ASSERT_EQ(twins.size(), 2u);
+    auto twinOf = [&twins](int value) { return twins[static_cast<size_t>(value)]; };
+    livequery::RowMap pair;
+    ASSERT_TRUE(pair.insertNew(twins[0], 0, twinOf));
+    EXPECT_EQ(pair.find(twins[1], twinOf), -1);
+    ASSERT_TRUE(pair.insertNew(twins[1], 1, twinOf));
+    EXPECT_EQ(pair.find(twins[1], twinOf), 1);
+    EXPECT_EQ(pair.erase(twins[0], twinOf), 0);
+    EXPECT_EQ(pair.find(twins[0], twinOf), -1);
+    EXPECT_EQ(pair.find(twins[1], twinOf), 1);
 }
 
 // Groups by hash: many keys on few hashes, and hashes that differ only in

@@ -119,49 +119,92 @@ private:
 class GroupModel;
 
 // Row address to a number, by open addressing with linear probing: a
-// million rows cost two flat arrays, not a million allocations.
+// million rows cost one flat array, not a million allocations. An entry is
+// the number and a tag of the row's hash, 8 bytes: the row itself is found
+// through the number (`rowOf(value)` answers it), which a caller reads next
+// anyway, so a candidate whose tag matches is checked there.
 class DATABASE_EXPORT RowMap
 {
 public:
-    int find(const unsigned char *row) const
+    template <typename RowOf>
+    int find(const unsigned char *row, RowOf rowOf) const
     {
         if (m_size == 0)
             return -1;
-        for (size_t at = slotOf(row);; at = (at + 1) & m_mask) {
-            if (m_entries[at].row == row)
+        const quint32 tag = tagOf(row);
+        for (size_t at = tag & m_mask; m_entries[at].value >= 0; at = (at + 1) & m_mask) {
+            if (m_entries[at].tag == tag && rowOf(m_entries[at].value) == row)
                 return m_entries[at].value;
-            if (!m_entries[at].row)
-                return -1;
         }
+        return -1;
     }
     // `row` must not be there.
-    void insert(const unsigned char *row, int value);
+    template <typename RowOf>
+    void insert(const unsigned char *row, int value, RowOf rowOf)
+    {
+        const bool added = insertNew(row, value, rowOf);
+        Q_ASSERT(added);
+        Q_UNUSED(added);
+    }
     // Inserts `row` unless it is there already: one probe for both.
-    bool insertNew(const unsigned char *row, int value);
+    // `value` >= 0; rowOf is asked only of the values already in.
+    template <typename RowOf>
+    bool insertNew(const unsigned char *row, int value, RowOf rowOf)
+    {
+        // At most half full: probes stay short.
+        if (2 * (m_size + 1) > m_entries.size())
+            rehash(std::max<size_t>(16, 2 * m_entries.size()));
+        const quint32 tag = tagOf(row);
+        size_t at = tag & m_mask;
+        for (; m_entries[at].value >= 0; at = (at + 1) & m_mask) {
+            if (m_entries[at].tag == tag && rowOf(m_entries[at].value) == row)
+                return false;
+        }
+        m_entries[at] = Entry{tag, value};
+        ++m_size;
+        return true;
+    }
     // Starts the fetch of `row`'s home before its insertNew().
     void prefetch(const unsigned char *row) const
     {
         if (!m_entries.empty())
-            __builtin_prefetch(&m_entries[slotOf(row)]);
+            __builtin_prefetch(&m_entries[tagOf(row) & m_mask]);
     }
-    void erase(const unsigned char *row);
+    // Takes `row` out, answering its value (or -1 if it was not there),
+    // while `rowOf` still answers `row` for that value.
+    template <typename RowOf>
+    int erase(const unsigned char *row, RowOf rowOf)
+    {
+        if (m_size == 0)
+            return -1;
+        const quint32 tag = tagOf(row);
+        for (size_t at = tag & m_mask; m_entries[at].value >= 0; at = (at + 1) & m_mask) {
+            const int value = m_entries[at].value;
+            if (m_entries[at].tag == tag && rowOf(value) == row) {
+                eraseAt(at);
+                return value;
+            }
+        }
+        return -1;
+    }
     void reserve(size_t count);
     void clear();
     size_t size() const { return m_size; }
 
 private:
-    size_t slotOf(const unsigned char *row) const
-    {
-        return static_cast<size_t>((quint64(reinterpret_cast<quintptr>(row)) * 0x9E3779B97F4A7C15ull) >> 32) & m_mask;
-    }
-    void rehash(size_t capacity);
-
-    // A row and its number side by side: one cache line per probe.
     struct Entry
     {
-        const unsigned char *row = nullptr;
-        int value = 0;
+        quint32 tag = 0;
+        qint32 value = -1; // -1: empty
     };
+    // The high half of a multiplicative hash: its low bits are the home.
+    static quint32 tagOf(const unsigned char *row)
+    {
+        return static_cast<quint32>((quint64(reinterpret_cast<quintptr>(row)) * 0x9E3779B97F4A7C15ull) >> 32);
+    }
+    void eraseAt(size_t at);
+    void rehash(size_t capacity);
+
     largealloc::Vector<Entry> m_entries;
     size_t m_mask = 0;
     size_t m_size = 0;
@@ -295,6 +338,11 @@ private:
     void storeWord(int slot, int word, const Value &value);
     void addRow(const Record &record);
     void removeRow(unsigned char *row);
+    // The row table's way to the row of a slot.
+    auto rowOfSlot() const
+    {
+        return [this](int slot) -> const unsigned char * { return m_slots[static_cast<size_t>(slot)].row; };
+    }
     // Into and out of a group (not the total's order).
     void join(int slot, int group, const Record &record);
     void leave(int slot);

@@ -104,43 +104,13 @@ int compareKeys(const Key &a, const Key &b)
 // ---------------------------------------------------------------------------
 // Rows to slots
 
-void RowMap::insert(const unsigned char *row, int value)
+void RowMap::eraseAt(size_t at)
 {
-    const bool added = insertNew(row, value);
-    Q_ASSERT(added);
-    Q_UNUSED(added);
-}
-
-bool RowMap::insertNew(const unsigned char *row, int value)
-{
-    // At most half full: probes stay short.
-    if (2 * (m_size + 1) > m_entries.size())
-        rehash(std::max<size_t>(16, 2 * m_entries.size()));
-    size_t at = slotOf(row);
-    for (; m_entries[at].row; at = (at + 1) & m_mask) {
-        if (m_entries[at].row == row)
-            return false;
-    }
-    m_entries[at] = Entry{row, value};
-    ++m_size;
-    return true;
-}
-
-void RowMap::erase(const unsigned char *row)
-{
-    if (m_size == 0)
-        return;
-    size_t at = slotOf(row);
-    while (m_entries[at].row != row) {
-        if (!m_entries[at].row)
-            return;
-        at = (at + 1) & m_mask;
-    }
-    // Backward shift: the rows after it in its run move up where their
+    // Backward shift: the entries after it in its run move up where their
     // probe would pass, so that no tombstone is left.
     size_t hole = at;
-    for (size_t next = (hole + 1) & m_mask; m_entries[next].row; next = (next + 1) & m_mask) {
-        const size_t home = slotOf(m_entries[next].row);
+    for (size_t next = (hole + 1) & m_mask; m_entries[next].value >= 0; next = (next + 1) & m_mask) {
+        const size_t home = m_entries[next].tag & m_mask;
         // `next` may fill the hole unless its home lies cyclically in (hole, next].
         const bool stays = hole <= next ? (home > hole && home <= next) : (home > hole || home <= next);
         if (!stays) {
@@ -171,14 +141,16 @@ void RowMap::clear()
 
 void RowMap::rehash(size_t capacity)
 {
+    // Homes come from the tags: no row is read.
+    Q_ASSERT(capacity <= (size_t(1) << 32));
     largealloc::Vector<Entry> entries(capacity);
     std::swap(entries, m_entries);
     m_mask = capacity - 1;
     for (const Entry &e : entries) {
-        if (!e.row)
+        if (e.value < 0)
             continue;
-        size_t at = slotOf(e.row);
-        while (m_entries[at].row)
+        size_t at = e.tag & m_mask;
+        while (m_entries[at].value >= 0)
             at = (at + 1) & m_mask;
         m_entries[at] = e;
     }
@@ -538,7 +510,7 @@ void GroupIndex::addRow(const Record &record)
     if (!row || !m_filter.accepts(record))
         return;
     const int slot = m_freeSlots.empty() ? static_cast<int>(m_slots.size()) : m_freeSlots.back();
-    if (!m_rows.insertNew(row, slot))
+    if (!m_rows.insertNew(row, slot, rowOfSlot()))
         return; // in the view already
     if (!m_freeSlots.empty()) {
         m_freeSlots.pop_back();
@@ -564,7 +536,8 @@ void GroupIndex::addRow(const Record &record)
 
 void GroupIndex::removeRow(unsigned char *row)
 {
-    const int slot = m_rows.find(row);
+    // Out of the row table while its slot still names the row.
+    const int slot = m_rows.erase(row, rowOfSlot());
     if (slot < 0)
         return;
     leave(slot);
@@ -579,7 +552,6 @@ void GroupIndex::removeRow(unsigned char *row)
     else
         m_total.tail = s.totalPrev;
     s = Slot();
-    m_rows.erase(row);
     m_freeSlots.push_back(slot);
 }
 
@@ -656,7 +628,7 @@ void GroupIndex::remove(const Record &record, int)
 void GroupIndex::update(const Record &record, int, int, int)
 {
     unsigned char *row = record.rowPtr();
-    const int slot = m_rows.find(row);
+    const int slot = m_rows.find(row, rowOfSlot());
     if (slot < 0 || !m_filter.accepts(record)) {
         removeRow(row);
         addRow(record);
@@ -706,7 +678,7 @@ void GroupIndex::process(const QList<Record> &removed, const QList<Record> &upda
 
 bool GroupIndex::contains(const Record &record) const
 {
-    return m_rows.find(record.rowPtr()) >= 0;
+    return m_rows.find(record.rowPtr(), rowOfSlot()) >= 0;
 }
 
 void GroupIndex::beginUpdate()
