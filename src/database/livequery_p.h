@@ -22,7 +22,6 @@
 #include <QtCore/QPointer>
 
 #include <map>
-#include <unordered_map>
 #include <vector>
 
 class TableModel;
@@ -371,8 +370,7 @@ private:
     std::vector<int> m_freeSlots;
     largealloc::Vector<quint64> m_words;   // the slots' stored numbers and null bits
     std::vector<Value::Kind> m_wordKinds; // each word's kind
-    size_t m_wordsPerSlot = 0;
-    size_t m_nullWords = 0; // of them, the null bits
+    size_t m_wordsPerSlot = 0;            // the values' words, then their null bits
     largealloc::Vector<Value> m_texts; // the slots' stored texts
     size_t m_textsPerSlot = 0;
     Group m_total;

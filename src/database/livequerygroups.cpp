@@ -102,23 +102,52 @@ int compareKeys(const Key &a, const Key &b)
 } // namespace
 
 // ---------------------------------------------------------------------------
+// Open addressing with linear probing, as both flat tables below keep it:
+// `empty(e)` tells a free entry, `home(e)` where the probe for e starts.
+
+namespace {
+
+// Puts every entry of `from` into the empty table `to`.
+template <typename Entries, typename Empty, typename Home>
+void placeAll(Entries &to, size_t mask, const Entries &from, Empty empty, Home home)
+{
+    for (const auto &e : from) {
+        if (empty(e))
+            continue;
+        size_t at = home(e);
+        while (!empty(to[at]))
+            at = (at + 1) & mask;
+        to[at] = e;
+    }
+}
+
+// Empties entry `at` by backward shift: the entries after it in its run
+// move up where their probe would pass, so that no tombstone is left.
+template <typename Entries, typename Empty, typename Home>
+void shiftBack(Entries &entries, size_t mask, size_t at, Empty empty, Home home)
+{
+    size_t hole = at;
+    for (size_t next = (hole + 1) & mask; !empty(entries[next]); next = (next + 1) & mask) {
+        const size_t want = home(entries[next]);
+        // `next` may fill the hole unless its home lies cyclically in (hole, next].
+        const bool stays = hole <= next ? (want > hole && want <= next) : (want > hole || want <= next);
+        if (!stays) {
+            entries[hole] = entries[next];
+            hole = next;
+        }
+    }
+    entries[hole] = {};
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
 // Rows to slots
 
 void RowMap::eraseAt(size_t at)
 {
-    // Backward shift: the entries after it in its run move up where their
-    // probe would pass, so that no tombstone is left.
-    size_t hole = at;
-    for (size_t next = (hole + 1) & m_mask; m_entries[next].value >= 0; next = (next + 1) & m_mask) {
-        const size_t home = m_entries[next].tag & m_mask;
-        // `next` may fill the hole unless its home lies cyclically in (hole, next].
-        const bool stays = hole <= next ? (home > hole && home <= next) : (home > hole || home <= next);
-        if (!stays) {
-            m_entries[hole] = m_entries[next];
-            hole = next;
-        }
-    }
-    m_entries[hole] = Entry();
+    shiftBack(m_entries, m_mask, at, [](const Entry &e) { return e.value < 0; },
+              [this](const Entry &e) { return e.tag & m_mask; });
     --m_size;
 }
 
@@ -146,14 +175,8 @@ void RowMap::rehash(size_t capacity)
     largealloc::Vector<Entry> entries(capacity);
     std::swap(entries, m_entries);
     m_mask = capacity - 1;
-    for (const Entry &e : entries) {
-        if (e.value < 0)
-            continue;
-        size_t at = e.tag & m_mask;
-        while (m_entries[at].value >= 0)
-            at = (at + 1) & m_mask;
-        m_entries[at] = e;
-    }
+    placeAll(m_entries, m_mask, entries, [](const Entry &e) { return e.value < 0; },
+             [this](const Entry &e) { return e.tag & m_mask; });
 }
 
 // ---------------------------------------------------------------------------
@@ -165,14 +188,8 @@ void GroupTable::insert(size_t hash, int id)
         std::vector<Entry> entries(std::max<size_t>(16, 2 * m_entries.size()));
         std::swap(entries, m_entries);
         m_mask = m_entries.size() - 1;
-        for (const Entry &e : entries) {
-            if (e.id < 0)
-                continue;
-            size_t at = home(e.hash);
-            while (m_entries[at].id >= 0)
-                at = (at + 1) & m_mask;
-            m_entries[at] = e;
-        }
+        placeAll(m_entries, m_mask, entries, [](const Entry &e) { return e.id < 0; },
+                 [this](const Entry &e) { return home(e.hash); });
     }
     size_t at = home(hash);
     while (m_entries[at].id >= 0)
@@ -191,17 +208,8 @@ void GroupTable::erase(size_t hash, int id)
             return;
         at = (at + 1) & m_mask;
     }
-    // Backward shift, as RowMap::erase.
-    size_t hole = at;
-    for (size_t next = (hole + 1) & m_mask; m_entries[next].id >= 0; next = (next + 1) & m_mask) {
-        const size_t want = home(m_entries[next].hash);
-        const bool stays = hole <= next ? (want > hole && want <= next) : (want > hole || want <= next);
-        if (!stays) {
-            m_entries[hole] = m_entries[next];
-            hole = next;
-        }
-    }
-    m_entries[hole] = Entry();
+    shiftBack(m_entries, m_mask, at, [](const Entry &e) { return e.id < 0; },
+              [this](const Entry &e) { return home(e.hash); });
     --m_size;
 }
 
@@ -258,8 +266,8 @@ GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
         }
         m_aggs.push_back(agg);
     }
-    m_nullWords = (m_wordKinds.size() + 63) / 64;
-    m_wordsPerSlot = m_wordKinds.size() + m_nullWords;
+    const size_t nullWords = (m_wordKinds.size() + 63) / 64;
+    m_wordsPerSlot = m_wordKinds.size() + nullWords;
     m_total.accs.resize(m_aggs.size());
 }
 
