@@ -6,9 +6,16 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <thread>
+#include <vector>
 
 TEST(LargeAlloc, BlocksBelowAndAboveTheThresholdAreUsableToTheirLastByte)
 {
@@ -62,4 +69,43 @@ TEST(LargeAlloc, AnUninitialisedVectorKeepsWhatWasWritten)
     EXPECT_EQ(values.back(), 7);
     const largealloc::UninitVector<int> copy(values.begin(), values.begin() + 3);
     EXPECT_EQ(copy, (largealloc::UninitVector<int>{0, 1, 2}));
+}
+
+// Faulting blocks in ahead, on another thread, while this one writes them:
+// nothing written before or meanwhile is lost, and the pages do come in
+// (a block faulted in by nobody would leave them out).
+TEST(LargeAlloc, FaultingInAheadKeepsWhatIsWrittenAndBringsThePagesIn)
+{
+    const std::size_t bytes = 5 * largealloc::Threshold + 4096 + 100;
+    auto *block = static_cast<unsigned char *>(largealloc::allocate(bytes));
+    auto *other = static_cast<unsigned char *>(largealloc::allocate(bytes));
+    std::memset(block, 0x11, 1000);
+    {
+        // A start inside a page and a small block, which is left alone.
+        unsigned char small[64] = {};
+        const largealloc::Prefault prefault({{block + 10, bytes - 10}, {small, sizeof small}, {other, bytes}});
+        for (std::size_t k = 1000; k < bytes; k += 4096)
+            block[k] = static_cast<unsigned char>(k / 4096);
+        const long page = sysconf(_SC_PAGESIZE);
+        const std::size_t pages = (bytes + static_cast<std::size_t>(page) - 1) / static_cast<std::size_t>(page);
+        std::vector<unsigned char> resident(pages);
+        bool all = false;
+        for (int wait = 0; wait < 1000 && !all; ++wait) {
+            ASSERT_EQ(mincore(other, bytes, resident.data()), 0);
+            all = std::all_of(resident.begin(), resident.end(), [](unsigned char r) { return r & 1; });
+            if (!all)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_TRUE(all) << "the second block was not faulted in";
+    }
+    for (std::size_t k = 0; k < 1000; ++k)
+        ASSERT_EQ(block[k], 0x11);
+    for (std::size_t k = 1000; k < bytes; k += 4096)
+        ASSERT_EQ(block[k], static_cast<unsigned char>(k / 4096)) << k;
+    EXPECT_EQ(block[bytes - 1], 0);
+    EXPECT_EQ(other[bytes - 1], 0);
+    largealloc::deallocate(block, bytes);
+    largealloc::deallocate(other, bytes);
+    // Nothing to do: no thread.
+    const largealloc::Prefault none({{nullptr, bytes}});
 }

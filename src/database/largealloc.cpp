@@ -2,8 +2,10 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <system_error>
 
 namespace largealloc {
 
@@ -54,6 +56,44 @@ void deallocate(void *block, std::size_t bytes) noexcept
         std::free(block);
     else
         munmap(block, mappedSize(bytes));
+}
+
+Prefault::Prefault(std::initializer_list<Block> blocks)
+{
+    // Small blocks fault in faster than a thread starts.
+    for (const Block &block : blocks) {
+        if (block.start && block.bytes >= Threshold)
+            m_blocks.push_back(block);
+    }
+    if (m_blocks.empty())
+        return;
+    try {
+        m_thread = std::thread([this] {
+            constexpr std::uintptr_t Page = 4096;
+            for (const Block &block : m_blocks) {
+                const auto start = reinterpret_cast<std::uintptr_t>(block.start);
+                std::uintptr_t at = (start + Page - 1) / Page * Page;
+                const std::uintptr_t end = (start + block.bytes) / Page * Page;
+                while (at < end && !m_stop.load(std::memory_order_relaxed)) {
+                    const std::uintptr_t next = std::min(end, (at + HugePage) / HugePage * HugePage);
+                    // Kernels before 5.14 do not know the advice: nothing
+                    // is lost but the head start.
+                    if (madvise(reinterpret_cast<void *>(at), next - at, MADV_POPULATE_WRITE) != 0)
+                        return;
+                    at = next;
+                }
+            }
+        });
+    } catch (const std::system_error &) {
+        // No thread: the blocks fault in as they are used.
+    }
+}
+
+Prefault::~Prefault()
+{
+    m_stop.store(true, std::memory_order_relaxed);
+    if (m_thread.joinable())
+        m_thread.join();
 }
 
 } // namespace largealloc

@@ -12,8 +12,11 @@
 
 #include "database_export.h"
 
+#include <atomic>
 #include <cstddef>
+#include <initializer_list>
 #include <new>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -32,6 +35,31 @@ constexpr std::size_t Threshold = std::size_t(2) << 20;
 DATABASE_EXPORT void *allocate(std::size_t bytes);
 // `bytes` as given to allocate().
 DATABASE_EXPORT void deallocate(void *block, std::size_t bytes) noexcept;
+
+// Faults blocks in on another thread while this one works: in a virtual
+// machine a first touch costs more than zeroing the page, and a build that
+// fills a hundred megabytes otherwise spends a third of its time there.
+// The blocks are done in the order given, a huge page at a time, so a
+// block filled from its start is met ready. The destructor stops and waits:
+// keep the blocks alive (and unmoved) until then.
+class DATABASE_EXPORT Prefault
+{
+public:
+    struct Block
+    {
+        const void *start;
+        std::size_t bytes;
+    };
+    explicit Prefault(std::initializer_list<Block> blocks);
+    ~Prefault();
+    Prefault(const Prefault &) = delete;
+    Prefault &operator=(const Prefault &) = delete;
+
+private:
+    std::vector<Block> m_blocks;
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
 
 template <typename T>
 struct Allocator

@@ -164,10 +164,12 @@ public:
         return true;
     }
     // Starts the fetch of `row`'s home before its insertNew().
-    void prefetch(const unsigned char *row) const
+    // Always inlined: g++ takes a function that only prefetches for one
+    // without effects and drops the calls to it.
+    Q_ALWAYS_INLINE void prefetch(const unsigned char *row) const
     {
-        if (!m_entries.empty())
-            __builtin_prefetch(&m_entries[tagOf(row) & m_mask]);
+        // An empty table has mask 0: this is its data() then.
+        __builtin_prefetch(m_entries.data() + (tagOf(row) & m_mask));
     }
     // Takes `row` out, answering its value (or -1 if it was not there),
     // while `rowOf` still answers `row` for that value.

@@ -591,16 +591,21 @@ void GroupIndex::build()
 {
     if (MasterIndex *master = m_table->masterIndex()) {
         const auto count = static_cast<size_t>(master->count());
-        m_rows.reserve(count);
         m_slots.reserve(count);
         m_words.reserve(count * m_wordsPerSlot);
         m_texts.reserve(count * m_textsPerSlot);
+        // The slots and words fill from their start, while this thread
+        // lays out the row table.
+        const largealloc::Prefault prefault({{m_slots.data(), m_slots.capacity() * sizeof(Slot)},
+                                          {m_words.data(), m_words.capacity() * sizeof(quint64)},
+                                          {m_texts.data(), m_texts.capacity() * sizeof(Value)}});
+        m_rows.reserve(count);
         // The rows and their places in the row table are fetched a few
         // rows ahead: both lie anywhere in memory.
         // A row takes a line or two.
         constexpr int Ahead = 32;
         const bool twoLines = m_table->rowSize() > 64;
-        auto fetch = [&](const unsigned char *row) {
+        auto fetch = [&](const unsigned char *row) __attribute__((always_inline)) {
             __builtin_prefetch(row);
             if (twoLines)
                 __builtin_prefetch(row + 64);
