@@ -197,6 +197,38 @@ TEST(PartitionList, IteratorArithmeticAcrossPartitions)
     EXPECT_TRUE(empty.begin() == empty.end());
 }
 
+// A pass cut into pieces sees each element of its range once, in order,
+// with its position, across partitions of every fill (some emptied by
+// removals) and ranges that start or end anywhere, or fall outside.
+TEST(PartitionList, SegmentsOfARangeCoverItExactly)
+{
+    PartitionList<int> list(8);
+    appendN(list, 60);
+    list.insert(3, 1000);
+    list.insert(30, 1001);
+    for (int k = 0; k < 6; ++k)
+        list.removeAt(40);
+    const std::vector<int> all = contents(list);
+    const int n = static_cast<int>(all.size());
+    for (int from = -2; from <= n + 1; ++from) {
+        for (int to = from - 1; to <= n + 2; ++to) {
+            std::vector<int> seen;
+            int expectedStart = std::max(from, 0);
+            list.forEachSegmentIn(from, to, [&](const int *first, int count, int start) {
+                ASSERT_GT(count, 0);
+                ASSERT_EQ(start, expectedStart);
+                seen.insert(seen.end(), first, first + count);
+                expectedStart += count;
+            });
+            const int lo = std::max(from, 0);
+            const int hi = std::min(to, n);
+            const std::vector<int> expected =
+                lo < hi && from >= 0 ? std::vector<int>(all.begin() + lo, all.begin() + hi) : std::vector<int>();
+            ASSERT_EQ(seen, expected) << from << ".." << to;
+        }
+    }
+}
+
 TEST(PartitionList, RemoveRangesCompactsForwardOnly)
 {
     PartitionList<int> list(10);

@@ -14,6 +14,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -68,11 +69,13 @@ TEST(SortBatch, LocateFindsEveryRowWhereverItStands)
     // Few keys put rows deeper than a scan of their run reaches; small
     // batches search, large ones make one pass; some rows have a key changed
     // since they were placed, some are not in the list at all.
+    // A list of 300,000 makes the pass long enough to be cut among threads.
+    for (const int n : {4000, 300000}) {
     for (const int keys : {3, 1000}) {
         for (const int batch : {4, 60, 3000}) {
             std::deque<Row> rows;
             List list;
-            fillSorted(list, rows, 4000, keys, random);
+            fillSorted(list, rows, n, keys, random);
             std::deque<Row> strangers(5);
             std::vector<Item> all = itemsOf(list);
             std::vector<const Item *> asked;
@@ -86,12 +89,17 @@ TEST(SortBatch, LocateFindsEveryRowWhereverItStands)
             asked.push_back(&stranger);
             const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
             ASSERT_TRUE(std::is_sorted(positions.begin(), positions.end()));
+            std::unordered_map<const Row *, int> where;
+            for (size_t k = 0; k < all.size(); ++k)
+                where[all[k].row] = static_cast<int>(k);
             for (const Item *item : asked) {
-                const auto at = std::find(all.begin(), all.end(), *item);
-                const int expected = at == all.end() ? -1 : static_cast<int>(at - all.begin());
-                ASSERT_EQ(sortbatch::positionOf(positions, *item), expected) << "keys " << keys << " batch " << batch;
+                const auto at = where.find(item->row);
+                const int expected = at == where.end() ? -1 : at->second;
+                ASSERT_EQ(sortbatch::positionOf(positions, *item), expected)
+                    << "n " << n << " keys " << keys << " batch " << batch;
             }
         }
+    }
     }
 }
 

@@ -234,6 +234,23 @@ public:
             f(static_cast<const T *>(m_partitions[k]->first), m_partitions[k]->count);
     }
 
+    // The same over positions [from, to) only, as f(first, count, start),
+    // `start` the position of `first`: a pass cut into pieces.
+    template <typename F>
+    void forEachSegmentIn(int from, int to, F f) const
+    {
+        to = std::min(to, m_count);
+        if (from < 0 || from >= to)
+            return;
+        for (int k = entryContaining(from); k > 0 && k + 1 < m_partitions.size() && m_offsets[k] < to; ++k) {
+            const int start = m_offsets[k];
+            const int lo = std::max(from, start);
+            const int hi = std::min(to, start + m_partitions[k]->count);
+            if (lo < hi)
+                f(static_cast<const T *>(m_partitions[k]->first) + (lo - start), hi - lo, lo);
+        }
+    }
+
     // The i-th element; a shared empty element when i is out of range.
     const T &at(int i) const
     {

@@ -1,8 +1,7 @@
 #include "recordsort_p.h"
 
-#include "tsan_p.h"
+#include "parallel_p.h"
 
-#include <QtConcurrent/QtConcurrentMap>
 #include <QtCore/QThreadPool>
 #include <QtCore/QVector>
 
@@ -12,20 +11,15 @@
 
 namespace recordsort {
 
-// blockingMap, with the order it gives stated for the thread sanitizer:
-// what the caller wrote is seen by every task, and what the tasks wrote by
-// the caller afterwards.
+// Each item on its own piece: the items are tasks of their own.
 template <class Items, class Function>
 void mapInParallel(Items &items, Function function)
 {
-    char before = 0, after = 0;
-    tsanRelease(&before);
-    QtConcurrent::blockingMap(items, [&](typename Items::value_type &item) {
-        tsanAcquire(&before);
-        function(item);
-        tsanRelease(&after);
-    });
-    tsanAcquire(&after);
+    parallel::forPieces(static_cast<long long>(items.size()), static_cast<int>(items.size()),
+                        [&](long long first, long long last) {
+                            for (long long i = first; i < last; ++i)
+                                function(items[static_cast<size_t>(i)]);
+                        });
 }
 
 namespace {

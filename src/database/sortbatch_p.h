@@ -11,11 +11,13 @@
 //
 
 #include "largealloc_p.h"
+#include "parallel_p.h"
 #include "partitionlist.h"
 
 #include <QtCore/QList>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <unordered_set>
 #include <vector>
@@ -231,23 +233,27 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         };
         for (const RowPosition &m : missing)
             filter[filterBit(m.row) >> 6] |= quint64(1) << (filterBit(m.row) & 63);
-        int start = 0;
-        list.forEachSegment([&](const T *first, int count) {
-            if (left == 0)
-                return;
-            for (int e = 0; e < count; ++e) {
-                const unsigned char *row = first[e].rowPtr();
-                const size_t bit = filterBit(row);
-                if (!(filter[bit >> 6] >> (bit & 63) & 1))
-                    continue;
-                const size_t slot = slotOf(row);
-                if (hashRows[slot] && hashPosition[slot] == -1) {
-                    hashPosition[slot] = start + e;
-                    if (--left == 0)
-                        return;
+        // Cut among threads: an element's slot is written only by the
+        // piece that holds the element.
+        std::atomic<size_t> toFind{left};
+        parallel::forPieces(n, parallel::piecesFor(n), [&](long long from, long long to) {
+            list.forEachSegmentIn(static_cast<int>(from), static_cast<int>(to), [&](const T *first, int count,
+                                                                                  int start) {
+                if (toFind.load(std::memory_order_relaxed) == 0)
+                    return;
+                for (int e = 0; e < count; ++e) {
+                    const unsigned char *row = first[e].rowPtr();
+                    const size_t bit = filterBit(row);
+                    if (!(filter[bit >> 6] >> (bit & 63) & 1))
+                        continue;
+                    const size_t slot = slotOf(row);
+                    if (hashRows[slot] && hashPosition[slot] == -1) {
+                        hashPosition[slot] = start + e;
+                        if (toFind.fetch_sub(1, std::memory_order_relaxed) == 1)
+                            return;
+                    }
                 }
-            }
-            start += count;
+            });
         });
         for (RowPosition &m : missing)
             m.position = hashPosition[slotOf(m.row)];

@@ -3,6 +3,7 @@
 // what it heard into Qt's signals on the model's thread.
 
 #include "tablemodel.h"
+#include "parallel_p.h"
 #include "tablemodel_p.h"
 #include "tsan_p.h"
 
@@ -252,14 +253,18 @@ bool TableModelPrivate::readSource(tablemodelplan::Rows &out) const
     if (from) {
         // Sized without zeroing, then written in place: a million handles
         // cost one pass, not a pass and a check per handle.
-        out.resize(static_cast<size_t>(from->count()));
+        // Cut among threads over a large index.
+        const int count = from->count();
+        out.resize(static_cast<size_t>(count));
         unsigned char **to = out.data();
-        from->list().forEachSegment([&to](const Record *first, int count) {
-            for (int k = 0; k < count; ++k)
-                to[k] = first[k].rowPtr();
-            to += count;
+        const auto &list = from->list();
+        parallel::forPieces(count, parallel::piecesFor(count), [&list, to](long long first, long long last) {
+            list.forEachSegmentIn(static_cast<int>(first), static_cast<int>(last),
+                                  [to](const Record *records, int n, int start) {
+                                      for (int k = 0; k < n; ++k)
+                                          to[start + k] = records[k].rowPtr();
+                                  });
         });
-        Q_ASSERT(to == out.data() + out.size());
         return true;
     }
     if (vector) {

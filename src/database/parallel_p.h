@@ -1,0 +1,37 @@
+#ifndef DATABASE_PARALLEL_P_H
+#define DATABASE_PARALLEL_P_H
+
+//
+//  W A R N I N G
+//  -------------
+//
+// This file is not part of the database API. It exists for the convenience
+// of the library's own sources and may change from version to version
+// without notice.
+//
+
+#include "database_export.h"
+
+#include <functional>
+
+// Passes over a million handles are bound by memory bandwidth, which a
+// second core nearly doubles: such passes are cut into pieces shared with
+// the global thread pool.
+namespace parallel {
+
+// Runs body(first, last) for `pieces` consecutive ranges that cut
+// [0, count) evenly, on the calling thread and on the global pool's threads
+// that are free now, and returns when every piece is done; what the pieces
+// wrote is then the caller's to read. The caller runs every piece that no
+// pool thread took, so a busy pool (even one whose jobs wait for a lock the
+// caller holds) costs time, never a deadlock. An exception thrown by a
+// piece passes to the caller once the others are done.
+DATABASE_EXPORT void forPieces(long long count, int pieces, const std::function<void(long long, long long)> &body);
+
+// How many pieces a pass over `count` elements is worth: one below the size
+// where a thread's wake-up outweighs the work.
+DATABASE_EXPORT int piecesFor(long long count);
+
+} // namespace parallel
+
+#endif // DATABASE_PARALLEL_P_H
