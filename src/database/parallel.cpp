@@ -19,6 +19,10 @@ namespace {
 // takes to wake.
 constexpr long long MinimumPerPiece = 128 * 1024;
 
+// The address through which the sanitizer is told of a hand-over to the
+// pool: one the helper can name before it reads anything of the caller's.
+char handOver;
+
 // What the caller and its helpers share. A helper may start after the
 // caller has returned: it then finds no piece left and touches only this,
 // which it keeps alive.
@@ -74,12 +78,14 @@ void forPieces(long long count, int pieces, const std::function<void(long long, 
     // Only threads that are free now: the caller never waits for a piece
     // that nobody has started. The pool's hand-over orders what the caller
     // wrote before it; the sanitizer is told, as it cannot see Qt's locks.
-    tsanRelease(work.get());
     for (int h = 0; h < helpers; ++h) {
-        if (!pool->tryStart([work] {
-                tsanAcquire(work.get());
-                work->run();
-            }))
+        std::function<void()> helper = [work] {
+            tsanAcquire(&handOver); // before the closure is read
+            work->run();
+        };
+        // Moved, not copied: the closure is complete before the release.
+        tsanRelease(&handOver);
+        if (!pool->tryStart(std::move(helper)))
             break;
     }
     work->run();
