@@ -44,6 +44,25 @@ TEST(Parallel, EveryPositionIsDoneOnceWhateverTheCut)
     EXPECT_GE(parallel::piecesFor(10'000'000), 1);
 }
 
+// The cut is the one asked for, whoever runs the pieces: callers that keep
+// something per piece rely on it.
+TEST(Parallel, ThePiecesAreTheEvenCutAlsoWithoutHelpers)
+{
+    QThreadPool *pool = QThreadPool::globalInstance();
+    const int threads = pool->maxThreadCount();
+    for (const int poolSize : {threads, 1}) {
+        pool->setMaxThreadCount(poolSize);
+        std::mutex mutex;
+        std::set<std::pair<long long, long long>> ranges;
+        parallel::forPieces(10, 3, [&](long long first, long long last) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            ranges.insert({first, last});
+        });
+        EXPECT_EQ(ranges, (std::set<std::pair<long long, long long>>{{0, 3}, {3, 6}, {6, 10}})) << poolSize;
+    }
+    pool->setMaxThreadCount(threads);
+}
+
 // Every pool thread waits, as a job waiting for a table lock that the
 // caller holds would: the pieces all run on the caller, which returns.
 TEST(Parallel, ABusyPoolLeavesEveryPieceToTheCaller)

@@ -305,3 +305,128 @@ TEST(TableModelPlan, ReorderedUnchangedRowsOrTooManySignalsMeanALayoutChange)
     EXPECT_EQ(steps[0].firstColumn, 0);
     EXPECT_EQ(steps[0].lastColumn, 4);
 }
+
+namespace {
+
+// A large update, built in linear time: rows leave, change in place, move
+// (some as one block) or arrive; `broken` spoils it as an index changed
+// behind the table's back would: 1 swaps two unchanged rows, 2 shows a
+// changed row twice, 3 drops an unchanged row, 4 shows a row never told.
+struct BigUpdate
+{
+    Rows rows, next;
+    std::vector<ChangedRow> changed;
+};
+
+// Addresses that are never read, only compared and hashed.
+unsigned char *bigRow(int i)
+{
+    return reinterpret_cast<unsigned char *>(quintptr(1) << 32) + quintptr(i) * 8;
+}
+
+BigUpdate bigUpdate(QRandomGenerator &random, int n, int changes, int broken)
+{
+    BigUpdate u;
+    for (int r = 0; r < n; ++r)
+        u.rows.push_back(bigRow(r));
+    std::vector<int> fate(static_cast<size_t>(n), 0); // 0 kept, 1 left, 2 in place, 3 moved
+    for (int k = 0; k < changes; ++k) {
+        const int r = static_cast<int>(random.bounded(n));
+        fate[static_cast<size_t>(r)] = 1 + static_cast<int>(random.bounded(3));
+        const bool whole = fate[static_cast<size_t>(r)] == 1;
+        u.changed.push_back({bigRow(r), whole ? -1 : 1, whole ? -1 : 3});
+    }
+    Rows stay;
+    std::vector<unsigned char *> movers;
+    for (int r = 0; r < n; ++r) {
+        const int f = fate[static_cast<size_t>(r)];
+        if (f == 0 || f == 2)
+            stay.push_back(bigRow(r));
+        else if (f == 3)
+            movers.push_back(bigRow(r));
+    }
+    for (int a = 0; a < changes / 10 + 1; ++a) {
+        movers.push_back(bigRow(n + a));
+        u.changed.push_back({bigRow(n + a), -1, -1});
+    }
+    // Most land anywhere, some together at one place.
+    const int together = static_cast<int>(random.bounded(static_cast<int>(stay.size()) + 1));
+    std::vector<std::pair<int, unsigned char *>> landing;
+    for (unsigned char *m : movers)
+        landing.push_back({random.bounded(5) == 0 ? together : static_cast<int>(random.bounded(static_cast<int>(stay.size()) + 1)), m});
+    std::stable_sort(landing.begin(), landing.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+    size_t l = 0;
+    for (int s = 0; s <= static_cast<int>(stay.size()); ++s) {
+        for (; l < landing.size() && landing[l].first == s; ++l)
+            u.next.push_back(landing[l].second);
+        if (s < static_cast<int>(stay.size()))
+            u.next.push_back(stay[static_cast<size_t>(s)]);
+    }
+    auto unchangedAt = [&](size_t from) {
+        for (size_t j = from; j < u.next.size(); ++j) {
+            const unsigned char *r = u.next[j];
+            const auto k = static_cast<size_t>(r - bigRow(0)) / 8;
+            if (k < fate.size() && fate[k] == 0)
+                return j;
+        }
+        return u.next.size();
+    };
+    const size_t at = unchangedAt(static_cast<size_t>(random.bounded(static_cast<int>(u.next.size()))));
+    if (broken == 1) {
+        const size_t other = unchangedAt(at + 1);
+        if (other < u.next.size())
+            std::swap(u.next[at], u.next[other]);
+    } else if (broken == 2 && !u.changed.empty()) {
+        const ChangedRow &c = u.changed[random.bounded(static_cast<int>(u.changed.size()))];
+        if (c.firstColumn >= 0)
+            u.next.insert(u.next.begin() + random.bounded(static_cast<int>(u.next.size()) + 1), const_cast<unsigned char *>(c.row));
+    } else if (broken == 3 && at < u.next.size()) {
+        u.next.erase(u.next.begin() + static_cast<long>(at));
+    } else if (broken == 4) {
+        u.next.insert(u.next.begin() + random.bounded(static_cast<int>(u.next.size()) + 1), bigRow(10 * n + 7));
+    }
+    return u;
+}
+
+bool sameSteps(const std::vector<Step> &a, const std::vector<Step> &b)
+{
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const Step &x, const Step &y) {
+        return x.kind == y.kind && x.first == y.first && x.count == y.count && x.to == y.to
+            && x.newIndex == y.newIndex && x.firstColumn == y.firstColumn && x.lastColumn == y.lastColumn;
+    });
+}
+
+} // namespace
+
+// The pass cut among threads answers what the single pass answers, for
+// updates sound and broken, changes few and many (some pieces then hold no
+// unchanged row), rows that travel far, and changes at either end.
+TEST(TableModelPlan, APassCutInPiecesPlansAsTheSinglePassDoes)
+{
+    QRandomGenerator random(20261124);
+    int failed = 0, done = 0;
+    for (int round = 0; round < 300; ++round) {
+        const bool large = random.bounded(4) == 0;
+        const int n = static_cast<int>(large ? 20000 + random.bounded(100000) : 20 + random.bounded(2000));
+        const int changes = static_cast<int>(!large && random.bounded(3) == 0 ? random.bounded(n)
+                                                                              : random.bounded(1 + n / 100));
+        const int broken = random.bounded(3) == 0 ? 1 + static_cast<int>(random.bounded(4)) : 0;
+        const BigUpdate u = bigUpdate(random, n, changes, broken);
+        for (const int threshold : {1 << 30, 40}) {
+            std::vector<Step> single, cut;
+            const bool planned = tablemodelplan::plan(u.rows, u.next, u.changed, shownColumns, threshold, single, 1);
+            for (const int pieces : {2, 3, 7}) {
+                ASSERT_EQ(tablemodelplan::plan(u.rows, u.next, u.changed, shownColumns, threshold, cut, pieces),
+                          planned)
+                    << "round " << round << " pieces " << pieces << " broken " << broken;
+                ASSERT_TRUE(sameSteps(cut, single)) << "round " << round << " pieces " << pieces;
+            }
+            failed += !planned;
+            done += planned;
+        }
+    }
+    // Both outcomes were met.
+    EXPECT_GT(failed, 20);
+    EXPECT_GT(done, 100);
+}

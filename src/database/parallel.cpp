@@ -68,7 +68,8 @@ void forPieces(long long count, int pieces, const std::function<void(long long, 
     QThreadPool *pool = QThreadPool::globalInstance();
     const int helpers = std::min(pieces, std::max(1, pool->maxThreadCount())) - 1;
     if (helpers <= 0) {
-        body(0, count);
+        for (int piece = 0; piece < pieces; ++piece)
+            body(count * piece / pieces, count * (piece + 1) / pieces);
         return;
     }
     auto work = std::make_shared<Work>();

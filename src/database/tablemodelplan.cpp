@@ -1,5 +1,7 @@
 #include "tablemodelplan_p.h"
 
+#include "parallel_p.h"
+
 #include <algorithm>
 #include <climits>
 #include <functional>
@@ -248,6 +250,148 @@ void merge(Change &change, const ChangedRow &c)
     }
 }
 
+// The pass of plan() cut into pieces of `next`, each walked by its own
+// thread from where its first unchanged row stands in `rows` (found near
+// its own position: a row's place moves by at most the number of changed
+// rows). What each piece found is joined, and checked where the pieces
+// meet, afterwards.
+struct Found
+{
+    int position;
+    int id;
+};
+
+struct PieceScan
+{
+    std::vector<Found> inNext; // changed rows of next, in order
+    std::vector<Found> inRows; // changed rows of rows, in order
+    int anchor = -1;           // where the piece's first unchanged row stands in rows
+    int end = -1;              // the rows the piece consumed end here
+    bool fallBack = false;     // no unchanged row, or not found near: the serial pass decides
+    bool differs = false;      // the unchanged rows differ: the plan fails
+};
+
+enum class Scan { Done, Differs, FallBack };
+
+template <typename Find>
+Scan scanInPieces(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next, Find find, size_t changedCount,
+                  int pieces, std::vector<Found> &inNext, std::vector<Found> &inRows)
+{
+    const long long oldCount = static_cast<long long>(rows.size());
+    const long long newCount = static_cast<long long>(next.size());
+    const long long reach = static_cast<long long>(changedCount);
+    std::vector<PieceScan> scans(static_cast<size_t>(pieces));
+    std::vector<long long> starts;
+    for (int p = 0; p < pieces; ++p)
+        starts.push_back(newCount * p / pieces);
+    parallel::forPieces(newCount, pieces, [&](long long from, long long to) {
+        const auto piece = std::lower_bound(starts.begin(), starts.end(), from) - starts.begin();
+        Q_ASSERT(piece < pieces && starts[static_cast<size_t>(piece)] == from);
+        PieceScan &scan = scans[static_cast<size_t>(piece)];
+        long long j = from;
+        int id;
+        auto changedAt = [&find, &id](const unsigned char *row) {
+            id = find(row);
+            return id >= 0;
+        };
+        for (; j < to && changedAt(next[static_cast<size_t>(j)]); ++j)
+            scan.inNext.push_back({static_cast<int>(j), id});
+        if (j == to) {
+            scan.fallBack = true;
+            return;
+        }
+        const unsigned char *first = next[static_cast<size_t>(j)];
+        long long i = std::max<long long>(0, j - reach);
+        const long long last = std::min(oldCount, j + reach + 1);
+        while (i < last && rows[static_cast<size_t>(i)] != first)
+            ++i;
+        if (i == last) {
+            scan.fallBack = true;
+            return;
+        }
+        scan.anchor = static_cast<int>(i);
+        if (from == 0) {
+            // Before the first unchanged row, only changed ones.
+            for (long long k = 0; k < i; ++k) {
+                if (!changedAt(rows[static_cast<size_t>(k)])) {
+                    scan.differs = true;
+                    return;
+                }
+                scan.inRows.push_back({static_cast<int>(k), id});
+            }
+        }
+        for (; j < to; ++j) {
+            const unsigned char *row = next[static_cast<size_t>(j)];
+            if (changedAt(row)) {
+                scan.inNext.push_back({static_cast<int>(j), id});
+                continue;
+            }
+            // Most rows are unchanged and where they were.
+            if (i < oldCount && rows[static_cast<size_t>(i)] == row) {
+                ++i;
+                continue;
+            }
+            for (; i < oldCount && changedAt(rows[static_cast<size_t>(i)]); ++i)
+                scan.inRows.push_back({static_cast<int>(i), id});
+            if (i >= oldCount || rows[static_cast<size_t>(i)] != row) {
+                scan.differs = true;
+                return;
+            }
+            ++i;
+        }
+        for (; i < oldCount && changedAt(rows[static_cast<size_t>(i)]); ++i)
+            scan.inRows.push_back({static_cast<int>(i), id});
+        scan.end = static_cast<int>(i);
+    });
+    for (const PieceScan &scan : scans) {
+        if (scan.fallBack)
+            return Scan::FallBack;
+    }
+    for (size_t p = 0; p < scans.size(); ++p) {
+        const int meets = p + 1 < scans.size() ? scans[p + 1].anchor : static_cast<int>(oldCount);
+        if (scans[p].differs || scans[p].end != meets)
+            return Scan::Differs;
+    }
+    for (const PieceScan &scan : scans) {
+        inNext.insert(inNext.end(), scan.inNext.begin(), scan.inNext.end());
+        inRows.insert(inRows.end(), scan.inRows.begin(), scan.inRows.end());
+    }
+    return Scan::Done;
+}
+
+// What the pieces found, given to the changes as the serial pass gives it:
+// anchors count the unchanged rows before, and a row that follows an
+// unchanged one names where that one stood in `rows`.
+bool placeFound(const std::vector<Found> &inNext, const std::vector<Found> &inRows, std::vector<Change> &changes)
+{
+    size_t passed = 0; // changed rows of `rows` before the unchanged one sought
+    for (size_t k = 0; k < inNext.size(); ++k) {
+        Change &change = changes[static_cast<size_t>(inNext[k].id)];
+        if (change.newPos != -1)
+            return false;
+        const int j = inNext[k].position;
+        change.newPos = j;
+        change.newAnchor = j - static_cast<int>(k);
+        change.predecessorOld = -1;
+        if (j > 0 && (k == 0 || inNext[k - 1].position != j - 1)) {
+            // The unchanged row before it is the (anchor - 1)-th of both
+            // lists; in `rows` it stands after the changed rows before it.
+            const int unchanged = change.newAnchor - 1;
+            while (passed < inRows.size() && inRows[passed].position - static_cast<int>(passed) <= unchanged)
+                ++passed;
+            change.predecessorOld = unchanged + static_cast<int>(passed);
+        }
+    }
+    for (size_t k = 0; k < inRows.size(); ++k) {
+        Change &change = changes[static_cast<size_t>(inRows[k].id)];
+        if (change.oldPos != -1)
+            return false;
+        change.oldPos = inRows[k].position;
+        change.oldAnchor = inRows[k].position - static_cast<int>(k);
+    }
+    return true;
+}
+
 } // namespace
 
 void planInPlace(const std::vector<ChangedRow> &changed, const std::vector<int> &positions,
@@ -277,7 +421,7 @@ void planInPlace(const std::vector<ChangedRow> &changed, const std::vector<int> 
 
 bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
-          std::vector<Step> &steps)
+          std::vector<Step> &steps, int pieces)
 {
     steps.clear();
     // The changed rows, once each.
@@ -306,11 +450,28 @@ bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
     // the update rereads everything); the changed ones get their places.
     const int oldCount = static_cast<int>(rows.size());
     const int newCount = static_cast<int>(next.size());
+    if (pieces <= 0)
+        pieces = parallel::piecesFor(std::max(oldCount, newCount));
+    Scan scan = Scan::FallBack;
+    if (pieces > 1 && newCount >= pieces) {
+        std::vector<Found> inNext, inRows;
+        scan = scanInPieces(
+            rows, next,
+            [&](const unsigned char *row) {
+                if (!filter.maybe(row))
+                    return -1;
+                const size_t id = ids.find(row);
+                return id == SIZE_MAX ? -1 : static_cast<int>(id);
+            },
+            changes.size(), pieces, inNext, inRows);
+        if (scan == Scan::Differs || (scan == Scan::Done && !placeFound(inNext, inRows, changes)))
+            return false;
+    }
     int i = 0;
     int unchanged = 0;
     int lastUnchangedOld = -1;
     bool previousUnchanged = false;
-    for (int j = 0; j < newCount; ++j) {
+    for (int j = scan == Scan::Done ? newCount : 0; j < newCount; ++j) {
         // Most rows are unchanged and where they were.
         if (i < oldCount && rows[static_cast<size_t>(i)] == next[static_cast<size_t>(j)]
             && !filter.maybe(next[static_cast<size_t>(j)])) {
@@ -343,7 +504,7 @@ bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
         ++unchanged;
         previousUnchanged = true;
     }
-    for (; i < oldCount; ++i) {
+    for (i = scan == Scan::Done ? oldCount : i; i < oldCount; ++i) {
         Change *change = find(rows[static_cast<size_t>(i)]);
         if (!change || change->oldPos != -1)
             return false;

@@ -129,10 +129,12 @@ struct DATABASE_EXPORT Step
 // and a row may appear once in each list; else, or past `threshold` row
 // signals (Remove, Insert and Move steps), answers false: the update is
 // one layoutChanged. The Data steps come last, in positions of `next`; past
-// `threshold` of them they are one step spanning them all.
+// `threshold` of them they are one step spanning them all. The pass over
+// the rows is cut among threads in `pieces` (0: by the lists' size); the
+// answer is the same for any.
 DATABASE_EXPORT bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
                           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
-                          std::vector<Step> &steps);
+                          std::vector<Step> &steps, int pieces = 0);
 
 // The steps of an update that moved no row: each changed row stands at
 // `positions[k]` (of changed[k]) before and after. They are the ones plan()
