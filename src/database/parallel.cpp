@@ -2,6 +2,7 @@
 
 #include "tsan_p.h"
 
+#include <QtCore/QThread>
 #include <QtCore/QThreadPool>
 
 #include <algorithm>
@@ -58,6 +59,13 @@ struct Work
     }
 };
 
+// Threads to share a pass among, the caller's included: no more than the
+// cores, however large the pool was made.
+int threads()
+{
+    return std::max(1, std::min(QThreadPool::globalInstance()->maxThreadCount(), QThread::idealThreadCount()));
+}
+
 } // namespace
 
 void forPieces(long long count, int pieces, const std::function<void(long long, long long)> &body)
@@ -66,12 +74,7 @@ void forPieces(long long count, int pieces, const std::function<void(long long, 
         return;
     pieces = static_cast<int>(std::max<long long>(1, std::min<long long>(pieces, count)));
     QThreadPool *pool = QThreadPool::globalInstance();
-    const int helpers = std::min(pieces, std::max(1, pool->maxThreadCount())) - 1;
-    if (helpers <= 0) {
-        for (int piece = 0; piece < pieces; ++piece)
-            body(count * piece / pieces, count * (piece + 1) / pieces);
-        return;
-    }
+    const int helpers = std::min(pieces, threads()) - 1;
     auto work = std::make_shared<Work>();
     work->body = &body;
     work->count = count;
@@ -98,12 +101,11 @@ void forPieces(long long count, int pieces, const std::function<void(long long, 
 
 int piecesFor(long long count)
 {
-    const int threads = std::max(1, QThreadPool::globalInstance()->maxThreadCount());
-    if (threads == 1 || count < 2 * MinimumPerPiece)
+    if (threads() == 1 || count < 2 * MinimumPerPiece)
         return 1;
     // Two pieces a thread, so that one that starts late is caught up by
     // the other.
-    return static_cast<int>(std::min<long long>(2LL * threads, count / MinimumPerPiece));
+    return static_cast<int>(std::min<long long>(2LL * threads(), count / MinimumPerPiece));
 }
 
 } // namespace parallel
