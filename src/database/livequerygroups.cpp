@@ -601,14 +601,15 @@ void GroupIndex::build()
                                           {m_texts.data(), m_texts.capacity() * sizeof(Value)}});
         m_rows.reserve(count);
         // The rows and their places in the row table are fetched a few
-        // rows ahead: both lie anywhere in memory.
-        // A row takes a line or two.
+        // rows ahead: both lie anywhere in memory. A row takes a line or
+        // two, or more: it need not start at a line.
         constexpr int Ahead = 32;
-        const bool twoLines = m_table->rowSize() > 64;
+        const auto rowBytes = std::max<quintptr>(static_cast<quintptr>(m_table->rowSize()), 1);
         auto fetch = [&](const unsigned char *row) __attribute__((always_inline)) {
-            __builtin_prefetch(row);
-            if (twoLines)
-                __builtin_prefetch(row + 64);
+            const quintptr first = reinterpret_cast<quintptr>(row) & ~quintptr(63);
+            const quintptr last = reinterpret_cast<quintptr>(row) + rowBytes - 1;
+            for (quintptr line = first; line <= last; line += 64)
+                __builtin_prefetch(reinterpret_cast<const void *>(line));
             m_rows.prefetch(row);
         };
         auto ahead = master->begin();
