@@ -170,9 +170,12 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         constexpr int Round = 32;
         int lo[Round];
         int hi[Round];
+        // The first round is a few records: a batch that changed the
+        // order's columns misses at once, and pays for few searches.
+        constexpr int FirstRound = 4;
         int first = 0;
-        for (; first < count && missing.empty(); first += Round) {
-            const int size = std::min(Round, count - first);
+        for (int size = 0; first < count && missing.empty(); first += size) {
+            size = std::min(first == 0 ? FirstRound : Round, count - first);
             std::fill(lo, lo + size, 0);
             std::fill(hi, hi + size, n);
             lockstepSearch(
