@@ -959,3 +959,59 @@ TEST(LiveQuery, ASortByOneNumberColumnBuildsInTheComparisonsOrder)
     model.update();
     EXPECT_EQ(shownKeys(model), expected(true, -1));
 }
+
+// Past 32 stored values a slot's null bits move out of the slot, after its
+// words: an average that took back a null as a zero would count it.
+TEST(LiveQuery, ManyAveragesKeepTheirNullsApart)
+{
+    Table table(QStringLiteral("t"));
+    makeTrades(table);
+    auto set = [&](const Record &r, std::optional<int> qty) {
+        if (qty)
+            r.data(Qty) = *qty;
+        else
+            r.data(Qty).setNull();
+    };
+    std::vector<Record> rows;
+    {
+        TableUpdater updater(&table);
+        long long key = 0;
+        for (const std::optional<int> qty : {std::optional<int>(2), std::optional<int>(), std::optional<int>(4)}) {
+            Record r(&table);
+            r.data(Key) = ++key;
+            r.data(Symbol) = QStringLiteral("A");
+            set(r, qty);
+            r.append();
+            rows.push_back(r);
+        }
+    }
+    for (const int averages : {3, 34}) {
+        LiveQuery query = LiveQuery().groupBy({"symbol"});
+        for (int a = 0; a < averages; ++a)
+            query.aggregate(QueryAggregate::average("qty"));
+        LiveQueryModel model(&table, query);
+        auto averagesAre = [&](double expected) {
+            model.update();
+            ASSERT_EQ(model.rowCount(), 1);
+            EXPECT_DOUBLE_EQ(model.data(model.index(0, 1)).toDouble(), expected) << averages;
+            EXPECT_DOUBLE_EQ(model.data(model.index(0, averages)).toDouble(), expected) << averages;
+        };
+        averagesAre(3);
+        auto change = [&](size_t row, std::optional<int> qty) {
+            TableUpdater updater(&table);
+            set(rows[row], qty);
+            rows[row].updated();
+        };
+        change(1, 6);
+        averagesAre(4);
+        change(0, std::nullopt);
+        averagesAre(5);
+        change(0, 8);
+        change(1, std::nullopt);
+        averagesAre(6);
+        change(1, 6);
+        change(0, 2);
+        averagesAre(4);
+        change(1, std::nullopt);
+    }
+}

@@ -274,8 +274,8 @@ public:
     };
     // What a row gave, to take it back when the row changes: its numbers
     // and date-times as words (m_words, m_wordsPerSlot from slot *
-    // m_wordsPerSlot on, their null bits after them), its texts as values
-    // (m_texts likewise).
+    // m_wordsPerSlot on), their null bits in the slot (or, past 32 words,
+    // after the words), its texts as values (m_texts likewise).
     struct Slot
     {
         unsigned char *row = nullptr;
@@ -285,6 +285,7 @@ public:
         // The same for every accepted row: the total's first and last.
         int totalPrev = -1;
         int totalNext = -1;
+        quint32 nulls = 0; // in what would be the struct's padding
     };
 
     GroupIndex(Table *table, const LiveQuery &query, GroupModel *model);
@@ -372,7 +373,8 @@ private:
     std::vector<int> m_freeSlots;
     largealloc::Vector<quint64> m_words;   // the slots' stored numbers and null bits
     std::vector<Value::Kind> m_wordKinds; // each word's kind
-    size_t m_wordsPerSlot = 0;            // the values' words, then their null bits
+    size_t m_wordsPerSlot = 0;            // the values' words, then their null bits past 32 words
+    bool m_nullsInSlot = true;            // at most 32 words: their null bits are the slot's
     largealloc::Vector<Value> m_texts; // the slots' stored texts
     size_t m_textsPerSlot = 0;
     Group m_total;

@@ -266,7 +266,8 @@ GroupIndex::GroupIndex(Table *table, const LiveQuery &query, GroupModel *model)
         }
         m_aggs.push_back(agg);
     }
-    const size_t nullWords = (m_wordKinds.size() + 63) / 64;
+    m_nullsInSlot = m_wordKinds.size() <= 32;
+    const size_t nullWords = m_nullsInSlot ? 0 : (m_wordKinds.size() + 63) / 64;
     m_wordsPerSlot = m_wordKinds.size() + nullWords;
     m_total.accs.resize(m_aggs.size());
 }
@@ -275,14 +276,20 @@ void GroupIndex::storeWord(int slot, int word, const Value &value)
 {
     Q_ASSERT(value.kind == Value::Null || value.kind == m_wordKinds[static_cast<size_t>(word)]);
     quint64 *words = m_words.data() + static_cast<size_t>(slot) * m_wordsPerSlot;
-    quint64 &nulls = words[m_wordKinds.size() + static_cast<size_t>(word) / 64];
-    const quint64 bit = quint64(1) << (word % 64);
-    if (value.kind == Value::Null) {
-        nulls |= bit;
+    const bool null = value.kind == Value::Null;
+    if (m_nullsInSlot) {
+        quint32 &nulls = m_slots[static_cast<size_t>(slot)].nulls;
+        const quint32 bit = quint32(1) << word;
+        nulls = null ? (nulls | bit) : (nulls & ~bit);
+    } else {
+        quint64 &nulls = words[m_wordKinds.size() + static_cast<size_t>(word) / 64];
+        const quint64 bit = quint64(1) << (word % 64);
+        nulls = null ? (nulls | bit) : (nulls & ~bit);
+    }
+    if (null) {
         words[word] = 0;
         return;
     }
-    nulls &= ~bit;
     if (value.kind == Value::Double)
         std::memcpy(&words[word], &value.d, sizeof(double));
     else
@@ -307,7 +314,10 @@ Value GroupIndex::kept(int slot, const Agg &agg, bool weight) const
     const int word = agg.word + (weight ? 1 : 0);
     const quint64 *words = m_words.data() + static_cast<size_t>(slot) * m_wordsPerSlot;
     Value value;
-    if (words[m_wordKinds.size() + static_cast<size_t>(word) / 64] & (quint64(1) << (word % 64)))
+    const bool null = m_nullsInSlot
+        ? (m_slots[static_cast<size_t>(slot)].nulls >> word) & 1
+        : (words[m_wordKinds.size() + static_cast<size_t>(word) / 64] >> (word % 64)) & 1;
+    if (null)
         return value;
     value.kind = m_wordKinds[static_cast<size_t>(word)];
     if (value.kind == Value::Double)
