@@ -46,7 +46,7 @@ struct Work
                 return;
             std::exception_ptr thrown;
             try {
-                (*body)(count * piece / pieces, count * (piece + 1) / pieces);
+                (*body)(pieceStart(count, pieces, piece), pieceStart(count, pieces, piece + 1));
             } catch (...) {
                 thrown = std::current_exception();
             }
@@ -73,6 +73,11 @@ void forPieces(long long count, int pieces, const std::function<void(long long, 
     if (count <= 0)
         return;
     pieces = static_cast<int>(std::max<long long>(1, std::min<long long>(pieces, count)));
+    if (pieces == 1) {
+        // A small pass, as most are: nothing to share.
+        body(0, count);
+        return;
+    }
     QThreadPool *pool = QThreadPool::globalInstance();
     const int helpers = std::min(pieces, threads()) - 1;
     auto work = std::make_shared<Work>();

@@ -19,6 +19,14 @@
 // the global thread pool.
 namespace parallel {
 
+// Where piece `piece` of [0, count) cut evenly in `pieces` starts (piece
+// `pieces` is the end): a caller that keeps something per piece finds it
+// from the first position it is given.
+inline long long pieceStart(long long count, int pieces, int piece)
+{
+    return count * piece / pieces;
+}
+
 // Runs body(first, last) for `pieces` consecutive ranges that cut
 // [0, count) evenly, on the calling thread and on the global pool's threads
 // that are free now, and returns when every piece is done; what the pieces
@@ -31,6 +39,18 @@ DATABASE_EXPORT void forPieces(long long count, int pieces, const std::function<
 // How many pieces a pass over `count` elements is worth: one below the size
 // where a thread's wake-up outweighs the work.
 DATABASE_EXPORT int piecesFor(long long count);
+
+// f(first, count, start) over every segment of a partitioned list, as its
+// forEachSegment gives them, in pieces shared as forPieces shares them:
+// f runs on several threads at once, on disjoint positions.
+template <typename List, typename F>
+void forEachSegment(const List &list, F f)
+{
+    const int n = list.count();
+    forPieces(n, piecesFor(n), [&list, &f](long long from, long long to) {
+        list.forEachSegmentIn(static_cast<int>(from), static_cast<int>(to), f);
+    });
+}
 
 } // namespace parallel
 

@@ -239,24 +239,21 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         // Cut among threads: an element's slot is written only by the
         // piece that holds the element.
         std::atomic<size_t> toFind{left};
-        parallel::forPieces(n, parallel::piecesFor(n), [&](long long from, long long to) {
-            list.forEachSegmentIn(static_cast<int>(from), static_cast<int>(to), [&](const T *first, int count,
-                                                                                  int start) {
-                if (toFind.load(std::memory_order_relaxed) == 0)
-                    return;
-                for (int e = 0; e < count; ++e) {
-                    const unsigned char *row = first[e].rowPtr();
-                    const size_t bit = filterBit(row);
-                    if (!(filter[bit >> 6] >> (bit & 63) & 1))
-                        continue;
-                    const size_t slot = slotOf(row);
-                    if (hashRows[slot] && hashPosition[slot] == -1) {
-                        hashPosition[slot] = start + e;
-                        if (toFind.fetch_sub(1, std::memory_order_relaxed) == 1)
-                            return;
-                    }
+        parallel::forEachSegment(list, [&](const T *first, int count, int start) {
+            if (toFind.load(std::memory_order_relaxed) == 0)
+                return;
+            for (int e = 0; e < count; ++e) {
+                const unsigned char *row = first[e].rowPtr();
+                const size_t bit = filterBit(row);
+                if (!(filter[bit >> 6] >> (bit & 63) & 1))
+                    continue;
+                const size_t slot = slotOf(row);
+                if (hashRows[slot] && hashPosition[slot] == -1) {
+                    hashPosition[slot] = start + e;
+                    if (toFind.fetch_sub(1, std::memory_order_relaxed) == 1)
+                        return;
                 }
-            });
+            }
         });
         for (RowPosition &m : missing)
             m.position = hashPosition[slotOf(m.row)];

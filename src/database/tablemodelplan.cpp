@@ -283,7 +283,7 @@ Scan scanInPieces(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &
     std::vector<PieceScan> scans(static_cast<size_t>(pieces));
     std::vector<long long> starts;
     for (int p = 0; p < pieces; ++p)
-        starts.push_back(newCount * p / pieces);
+        starts.push_back(parallel::pieceStart(newCount, pieces, p));
     parallel::forPieces(newCount, pieces, [&](long long from, long long to) {
         const auto piece = std::lower_bound(starts.begin(), starts.end(), from) - starts.begin();
         Q_ASSERT(piece < pieces && starts[static_cast<size_t>(piece)] == from);

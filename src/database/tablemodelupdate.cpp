@@ -254,16 +254,11 @@ bool TableModelPrivate::readSource(tablemodelplan::Rows &out) const
         // Sized without zeroing, then written in place: a million handles
         // cost one pass, not a pass and a check per handle.
         // Cut among threads over a large index.
-        const int count = from->count();
-        out.resize(static_cast<size_t>(count));
+        out.resize(static_cast<size_t>(from->count()));
         unsigned char **to = out.data();
-        const auto &list = from->list();
-        parallel::forPieces(count, parallel::piecesFor(count), [&list, to](long long first, long long last) {
-            list.forEachSegmentIn(static_cast<int>(first), static_cast<int>(last),
-                                  [to](const Record *records, int n, int start) {
-                                      for (int k = 0; k < n; ++k)
-                                          to[start + k] = records[k].rowPtr();
-                                  });
+        parallel::forEachSegment(from->list(), [to](const Record *records, int n, int start) {
+            for (int k = 0; k < n; ++k)
+                to[start + k] = records[k].rowPtr();
         });
         return true;
     }
