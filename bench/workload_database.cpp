@@ -135,9 +135,7 @@ std::unique_ptr<Store> filledStore(int n, bool updated = false)
 Record find(Store &store, const Record &probe, std::int64_t key)
 {
     setKey(probe, key);
-    MasterIndex *master = store.table.masterIndex();
-    const int position = master->search(probe, -1);
-    return position == -1 ? Record() : master->at(position);
+    return store.table.masterIndex()->findRecord(probe);
 }
 
 Digest digest(Store &store)
@@ -184,8 +182,8 @@ Result w2(int n, bool batch)
         }
     } else {
         for (const Update &u : changes) {
-            const Record record = find(*store, probe, u.key);
             TableUpdater updater(&store->table);
+            const Record record = find(*store, probe, u.key);
             const Table::UpdateKeeper keeper = store->table.buildKeeper(record);
             setPrice(record, u.price);
             store->table.updated(record, keeper, Price, Price);
@@ -267,8 +265,8 @@ Result w4(int n, bool batch)
             for (const Change &change : changes) {
                 switch (change.kind) {
                 case Change::Update: {
-                    const Record record = find(*store, probe, change.key);
                     TableUpdater updater(&table);
+                    const Record record = find(*store, probe, change.key);
                     const Table::UpdateKeeper keeper = table.buildKeeper(record);
                     setPrice(record, change.price);
                     table.updated(record, keeper, Price, Price);
@@ -281,8 +279,8 @@ Result w4(int n, bool batch)
                     break;
                 }
                 case Change::Remove: {
-                    const Record record = find(*store, probe, change.key);
                     TableUpdater updater(&table);
+                    const Record record = find(*store, probe, change.key);
                     record.remove();
                     break;
                 }

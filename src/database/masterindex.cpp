@@ -1,6 +1,10 @@
 #include "masterindex.h"
 
+#include "masterindex_fast.h"
+
 #include "table.h"
+
+#include <typeinfo>
 
 MasterIndex::MasterIndex(Table *table)
     : IndexSort(table, false)
@@ -17,7 +21,14 @@ QStringList MasterIndex::columnNames() const
 
 Record MasterIndex::findRecord(const QString &text)
 {
-    const Record key = fromText(text);
+    return findRecord(fromText(text));
+}
+
+Record MasterIndex::findRecord(const Record &key) const
+{
+    Record found;
+    if (typeid(*this) == typeid(MasterIndex_Fast) && static_cast<const MasterIndex_Fast *>(this)->lookup(key, found))
+        return found;
     const int position = search(key, -1);
     return position != -1 ? at(position) : Record();
 }

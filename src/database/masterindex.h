@@ -27,6 +27,10 @@ public:
     QStringList columnNames() const;
     // The record whose key has the text form `text`, or a null record.
     Record findRecord(const QString &text);
+    // The first record whose key compares equal to `key`'s, or a null
+    // record: at(search(key, -1)), answered from a hash table of the keys
+    // where the index keeps one (see MasterIndex_Fast).
+    Record findRecord(const Record &key) const;
     QString getClassName() const override;
 
     virtual QString toText(const Record &record) = 0;

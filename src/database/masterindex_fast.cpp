@@ -1,12 +1,17 @@
 #include "masterindex_fast.h"
 
+#include "keytable_p.h"
+#include "largealloc_p.h"
+#include "parallel_p.h"
 #include "table.h"
+#include "table_p.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QtEndian>
 
 #include <cstring>
+#include <typeinfo>
 
 MasterIndex_Fast::MasterIndex_Fast(Table *table, const QStringList &columns)
     : MasterIndexColumn(table, columns)
@@ -18,6 +23,11 @@ MasterIndex_Fast::MasterIndex_Fast(Table *table, const QList<int> &columns)
     : MasterIndexColumn(table, columns)
 {
     setup();
+}
+
+MasterIndex_Fast::~MasterIndex_Fast()
+{
+    delete m_keys;
 }
 
 void MasterIndex_Fast::setup()
@@ -95,4 +105,192 @@ void MasterIndex_Fast::createMasterIndex(Table *table, QStringList columns)
 void MasterIndex_Fast::createIndex(const QString &name, Table *table, QStringList columns)
 {
     table->setIndexName(name, create(table, columns));
+}
+
+// ---------------------------------------------------------------------------
+// The key table
+
+namespace {
+
+// A lookup that has to search because the key table was refused counts
+// towards building it again; a rebuild costs about as much as this share
+// of a million-row table's searches.
+int searchesBeforeRebuild(int rows)
+{
+    return rows / 16 + 64;
+}
+
+} // namespace
+
+quint64 MasterIndex_Fast::packedKey(const unsigned char *row) const
+{
+    quint64 key = 0;
+    std::memcpy(&key, row + m_keyOffset, static_cast<size_t>(m_keyLength));
+    return key;
+}
+
+bool MasterIndex_Fast::keysUsable() const
+{
+    // A subclass may compare or filter otherwise than the bytes say.
+    return m_keyLength > 0 && m_keyLength <= 8 && typeid(*this) == typeid(MasterIndex_Fast);
+}
+
+bool MasterIndex_Fast::keysLive() const
+{
+    return m_keysState == Keys::Live && m_keysSeen == m_list.changes();
+}
+
+void MasterIndex_Fast::dropKeys(Keys why) const
+{
+    if (m_keys)
+        m_keys->clear();
+    m_keysState = why;
+    m_searchesSinceRefused = 0;
+}
+
+void MasterIndex_Fast::keysFollowed(bool ok) const
+{
+    if (!ok || m_keys->count() != m_list.count()) {
+        dropKeys(Keys::Refused);
+        return;
+    }
+    m_keysSeen = m_list.changes();
+#ifdef DATABASE_CHECKS
+    // Lookups check the row they are given, so a key changed unreported
+    // costs no wrong answer; but it breaks the index's order as well, and a
+    // build with run-time checks stops at once (on tables of a size where a
+    // pass per change is affordable).
+    if (m_list.count() > 65536)
+        return;
+    int position = 0;
+    for (const Record &record : m_list) {
+        if (!m_keys->holds(packedKey(record.rowPtr()), record.rowPtr()))
+            qFatal("MasterIndex_Fast of %s: the key of row %d changed unreported", qPrintable(m_table->name()),
+                   position);
+        ++position;
+    }
+#endif
+}
+
+void MasterIndex_Fast::buildKeys() const
+{
+    if (!m_keys)
+        m_keys = new KeyTable;
+    m_keys->clear();
+    m_keys->reserve(m_list.count());
+    // The rows lie anywhere in the heap: their keys are read first, on
+    // every core, a few rows ahead of each read; then the keys go in, each
+    // slot fetched a few keys ahead of its insertion.
+    const int n = m_list.count();
+    largealloc::Vector<quint64> keys(static_cast<size_t>(n));
+    // A first touch of a fresh page costs more than its zeroing: the slots
+    // are faulted in on a thread of their own while the keys are read.
+    const largealloc::Prefault prefault{{m_keys->slotBlock(), m_keys->bytes()}};
+    constexpr int Ahead = 16;
+    parallel::forEachSegment(m_list, [&](const Record *first, int count, int start) {
+        for (int i = 0; i < count; ++i) {
+            if (i + Ahead < count)
+                __builtin_prefetch(first[i + Ahead].rowPtr() + m_keyOffset);
+            keys[static_cast<size_t>(start + i)] = packedKey(first[i].rowPtr());
+        }
+    });
+    bool unique = true;
+    int position = 0;
+    m_list.forEachSegment([&](const Record *first, int count) {
+        for (int i = 0; i < count && unique; ++i, ++position) {
+            if (position + Ahead < n)
+                m_keys->prefetch(keys[static_cast<size_t>(position + Ahead)]);
+            unique = m_keys->insert(keys[static_cast<size_t>(position)], first[i].rowPtr());
+        }
+    });
+    if (!unique) {
+        dropKeys(Keys::Refused);
+        return;
+    }
+    m_keysState = Keys::Live;
+    m_keysSeen = m_list.changes();
+}
+
+bool MasterIndex_Fast::lookup(const Record &key, Record &found) const
+{
+    if (!keysUsable() || key.isNull() || !m_table || !m_table->d_func()->lock.heldByCurrentThread())
+        return false;
+    if (!keysLive()) {
+        if (m_keysState == Keys::Refused && ++m_searchesSinceRefused < searchesBeforeRebuild(m_list.count()))
+            return false;
+        buildKeys();
+        if (!keysLive())
+            return false;
+    }
+    const quint64 packed = packedKey(key.rowPtr());
+    unsigned char *row = m_keys->find(packed);
+    if (row && packedKey(row) != packed) {
+        // The row's key changed without the index hearing of it.
+        dropKeys(Keys::Refused);
+        return false;
+    }
+    found = row ? Record(m_table, row) : Record();
+    return true;
+}
+
+void MasterIndex_Fast::add(const Record &record)
+{
+    const bool live = keysLive();
+    MasterIndexColumn::add(record);
+    if (live)
+        keysFollowed(m_keys->insert(packedKey(record.rowPtr()), record.rowPtr()));
+}
+
+void MasterIndex_Fast::remove(const Record &record, int position)
+{
+    const bool live = keysLive();
+    const int before = m_list.count();
+    MasterIndexColumn::remove(record, position);
+    if (live)
+        keysFollowed(m_list.count() == before || m_keys->erase(packedKey(record.rowPtr()), record.rowPtr()));
+}
+
+void MasterIndex_Fast::update(const Record &record, int firstColumn, int lastColumn, int position)
+{
+    if (!keysLive()) {
+        MasterIndexColumn::update(record, firstColumn, lastColumn, position);
+        return;
+    }
+    // A row the table holds under its present key stays where it is.
+    if (m_keys->holds(packedKey(record.rowPtr()), record.rowPtr())) {
+        keysFollowed(true);
+        return;
+    }
+    MasterIndexColumn::update(record, firstColumn, lastColumn, position);
+    dropKeys(Keys::Refused);
+}
+
+void MasterIndex_Fast::process(const QList<Record> &removed, const QList<Record> &updated, int firstColumn,
+                               int lastColumn, const QList<Record> &inserted)
+{
+    if (!keysLive()) {
+        MasterIndexColumn::process(removed, updated, firstColumn, lastColumn, inserted);
+        return;
+    }
+    // Updated rows still under their keys stay where they are, as the sorted
+    // batch would leave them: only the others go to it.
+    bool ok = true;
+    QList<Record> moved;
+    for (int u = 0; u < updated.size(); ++u) {
+        if (u + 8 < updated.size())
+            m_keys->prefetch(packedKey(updated[u + 8].rowPtr()));
+        const Record &record = updated[u];
+        if (!m_keys->holds(packedKey(record.rowPtr()), record.rowPtr())) {
+            moved.append(record);
+            ok = false;
+        }
+    }
+    // A removed row that is not in the table has no key to give back; one
+    // that is but was not found under its key leaves the counts unequal.
+    for (const Record &record : removed)
+        m_keys->erase(packedKey(record.rowPtr()), record.rowPtr());
+    for (const Record &record : inserted)
+        ok = m_keys->insert(packedKey(record.rowPtr()), record.rowPtr()) && ok;
+    MasterIndexColumn::process(removed, moved, firstColumn, lastColumn, inserted);
+    keysFollowed(ok);
 }

@@ -164,6 +164,10 @@ public:
     int size() const { return m_count; }
     bool isEmpty() const { return m_count == 0; }
     int partitionSize() const { return m_partitionSize; }
+    // A count of the calls that may have changed the elements, mutable
+    // access included: a structure kept beside the list compares it with the
+    // count it last saw to know whether some change went past it.
+    quint64 changes() const { return m_changes; }
     int mergeThreshold() const { return m_mergeThreshold; }
     // The elements the partitions have room for, all together.
     long long capacity() const
@@ -192,6 +196,7 @@ public:
     };
     std::vector<Segment> segments()
     {
+        ++m_changes;
         std::vector<Segment> result;
         result.reserve(static_cast<size_t>(m_partitions.size()));
         for (int k = 1; k + 1 < m_partitions.size(); ++k)
@@ -274,6 +279,7 @@ public:
     const_iterator constEnd() const { return end(); }
     iterator mutableBegin()
     {
+        ++m_changes;
         Partition *const *entry = m_partitions.constData() + 1;
         return iterator(this, entry, *entry ? (*entry)->first : nullptr);
     }
@@ -291,6 +297,7 @@ public:
     void append(const T &value)
     {
         [[maybe_unused]] const CheckedTail checked{this};
+        ++m_changes;
         const int lastEntry = m_partitions.size() - 2;
         Partition *p = m_partitions[lastEntry];
         if (!p || p->count + 1 >= m_partitionSize) {
@@ -340,6 +347,7 @@ public:
     void insertBlocks(const int *points, const int *sizes, int blocks, const T *elements)
     {
         [[maybe_unused]] const Checked checked{this};
+        ++m_changes;
         struct Pending
         {
             int offset; // in the partition, counting the blocks before it
@@ -420,6 +428,7 @@ public:
     void removeAt(int i)
     {
         [[maybe_unused]] const Checked checked{this};
+        ++m_changes;
         int k = entryContaining(i);
         if (k < 0)
             return;
@@ -473,6 +482,7 @@ public:
 
     void clear()
     {
+        ++m_changes;
         for (int k = 1; k + 1 < m_partitions.size(); ++k)
             destroyPartition(m_partitions[k], true);
         m_partitions = {nullptr, nullptr};
@@ -488,6 +498,7 @@ public:
     void removeRanges(const QVector<QPair<int, int>> &ranges)
     {
         [[maybe_unused]] const Checked checked{this};
+        ++m_changes;
         int r = 0;
         for (int k = 1; k + 1 < m_partitions.size() && r < ranges.size(); ++k) {
             Partition *p = m_partitions[k];
@@ -630,6 +641,7 @@ private:
     void insertBlock(int i, int n, Construct construct)
     {
         [[maybe_unused]] const Checked checked{this};
+        ++m_changes;
         int k = entryForInsert(i);
         if (k < 0)
             return;
@@ -740,6 +752,8 @@ private:
     }
 
     int m_count;
+    // Bumped by every call that may change the elements (see changes()).
+    quint64 m_changes = 0;
     int m_partitionSize;
     int m_mergeThreshold;
     QVector<Partition *> m_partitions;

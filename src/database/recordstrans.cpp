@@ -244,10 +244,9 @@ RecordUpdater::RecordUpdater(const Record &key, RecordsTrans &trans)
     : m_trans(&trans)
     , m_position(-1)
 {
-    MasterIndex *master = key.table()->masterIndex();
-    m_position = master->search(key, -1);
-    if (m_position != -1) {
-        m_record = master->at(m_position);
+    m_record = key.table()->masterIndex()->findRecord(key);
+    if (!m_record.isNull()) {
+        m_position = 0;
         trans.m_states->set(m_record, RecordsTrans::Update);
         return;
     }

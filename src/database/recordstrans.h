@@ -27,7 +27,8 @@ class MasterIndex;
 // Keys inserted in this transaction stay known to later updaters (the
 // sorted list of pending inserts survives execute() and clear()).
 //
-// Costs: an updater is a search in the master index plus, for a new key, a
+// Costs: an updater is a lookup in the master index (a hash probe for a
+// MasterIndex_Fast over a short key, a binary search otherwise) plus, for a new key, a
 // search and an insertion in the pending list (O(log k) comparisons and a
 // bounded move); execute() sorts the k actions by row once. Nothing is
 // allocated per record beyond the containers' amortised growth.
@@ -88,6 +89,9 @@ public:
 private:
     Record m_record;
     RecordsTrans *m_trans;
+    // -1 when the key is not in the table. The master index may answer a
+    // lookup from its key table, without a position: any other value only
+    // says that the row was found.
     int m_position;
 };
 

@@ -62,10 +62,7 @@ Record::Record(const Table *table, const QString &key)
     MasterIndex *master = table->masterIndex();
     if (key.isEmpty() || !master)
         return;
-    const Record probe = master->fromText(key);
-    const int position = master->search(probe, -1);
-    if (position != -1)
-        *this = master->at(position);
+    *this = master->findRecord(master->fromText(key));
 }
 
 namespace {

@@ -124,6 +124,7 @@ public:
 protected:
     friend class Table;
     friend class TableModel;
+    friend class MasterIndex_Fast;
     // Adds a reference to `row`, which must not be null.
     Record(const Table *table, unsigned char *row) noexcept : m_table(table), m_row(row) { RowRef::ref(m_row); }
 
@@ -302,6 +303,7 @@ protected:
     friend class TableJoin;
     friend class TableModel;
     friend class TableIndexRebuilder;
+    friend class MasterIndex_Fast;
 
     // Only the outermost level acts: dependents hear dependentBeginUpdate,
     // the table locks, the master index and each index hear beginUpdate.

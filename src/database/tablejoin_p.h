@@ -121,9 +121,7 @@ public:
     // The dependent row with the probe's key, or null.
     static Record searchProbe(TableJoinLink &link)
     {
-        MasterIndex *master = link.table->masterIndex();
-        const int at = master->search(link.probe, -1);
-        return at < 0 ? Record() : master->at(at);
+        return link.table->masterIndex()->findRecord(link.probe);
     }
 
     static Record match(TableJoinLink &link, quint64 key)
