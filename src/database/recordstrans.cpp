@@ -1,67 +1,89 @@
 #include "recordstrans.h"
 
 #include "indexlimit.h"
+#include "largealloc_p.h"
 #include "masterindex.h"
 #include "partitionlist.h"
 
 #include <QtCore/QDebug>
 
 #include <algorithm>
+#include <cstring>
 
 #include <exception>
 
 // The action of each record, by row address: open addressing with linear
 // probing and backward-shift erasure, so that a transaction of k records
-// holds k slots in one block instead of k tree nodes.
+// holds k slots in one block instead of k tree nodes. A slot is 16 bytes:
+// the row, and its table with the action in the low bits (a table is
+// 8-byte aligned). The block is mapped a huge page at a time once large: a
+// transaction of a million rows probes 32 MB at random.
 class RecordsTrans::States
 {
 public:
-    struct Slot
+    States() = default;
+    States(const States &other) : m_size(other.m_size)
     {
-        Record record;
-        int action = 0; // 0: empty
-    };
+        if (other.m_capacity == 0)
+            return;
+        allocate(other.m_capacity);
+        std::memcpy(static_cast<void *>(m_slots), other.m_slots, m_capacity * sizeof(Slot));
+        for (size_t i = 0; i < m_capacity; ++i) {
+            if (m_slots[i].row)
+                RowRef::ref(m_slots[i].row);
+        }
+    }
+    States &operator=(const States &) = delete;
+    ~States() { clear(); }
 
     bool isEmpty() const { return m_size == 0; }
     void clear()
     {
-        std::vector<Slot>().swap(m_slots);
+        for (size_t i = 0; i < m_capacity; ++i)
+            release(m_slots[i].row);
+        if (m_slots)
+            largealloc::deallocate(m_slots, m_capacity * sizeof(Slot));
+        m_slots = nullptr;
+        m_capacity = 0;
         m_size = 0;
     }
     int action(const Record &record) const
     {
-        if (m_slots.empty())
+        if (m_capacity == 0)
             return 0;
-        const Slot &slot = m_slots[find(record.rowPtr())];
-        return slot.action;
+        return actionOf(m_slots[find(record.rowPtr())]);
     }
     void set(const Record &record, int action)
     {
-        if (2 * (m_size + 1) > m_slots.size())
+        Q_ASSERT(action > 0 && action <= int(ActionBits) && record.rowPtr());
+        Q_ASSERT((reinterpret_cast<quintptr>(record.table()) & ActionBits) == 0);
+        if (2 * (m_size + 1) > m_capacity)
             grow();
         Slot &slot = m_slots[find(record.rowPtr())];
-        if (slot.action == 0) {
-            slot.record = record;
+        if (!slot.row) {
+            slot.row = record.rowPtr();
+            RowRef::ref(slot.row);
             ++m_size;
         }
-        slot.action = action;
+        slot.tableAndAction = reinterpret_cast<quintptr>(record.table()) | static_cast<quintptr>(action);
     }
     void erase(const Record &record)
     {
-        if (m_slots.empty())
+        if (m_capacity == 0)
             return;
-        const size_t mask = m_slots.size() - 1;
+        const size_t mask = m_capacity - 1;
         size_t hole = find(record.rowPtr());
-        if (m_slots[hole].action == 0)
+        if (!m_slots[hole].row)
             return;
+        release(m_slots[hole].row);
         m_slots[hole] = Slot();
         --m_size;
         // Pull back the entries of the run after the hole that may not sit
         // past it.
-        for (size_t next = (hole + 1) & mask; m_slots[next].action != 0; next = (next + 1) & mask) {
-            const size_t home = homeOf(m_slots[next].record.rowPtr());
+        for (size_t next = (hole + 1) & mask; m_slots[next].row; next = (next + 1) & mask) {
+            const size_t home = homeOf(m_slots[next].row);
             if (((next - home) & mask) >= ((next - hole) & mask)) {
-                m_slots[hole] = std::move(m_slots[next]);
+                m_slots[hole] = m_slots[next];
                 m_slots[next] = Slot();
                 hole = next;
             }
@@ -70,48 +92,80 @@ public:
     // The records of one action, in row-address order.
     QList<Record> list(int action) const
     {
-        std::vector<const Record *> records;
-        for (const Slot &slot : m_slots) {
-            if (slot.action == action)
-                records.push_back(&slot.record);
+        std::vector<const Slot *> records;
+        for (size_t i = 0; i < m_capacity; ++i) {
+            if (m_slots[i].row && actionOf(m_slots[i]) == action)
+                records.push_back(&m_slots[i]);
         }
-        std::sort(records.begin(), records.end(), [](const Record *a, const Record *b) { return *a < *b; });
+        std::sort(records.begin(), records.end(), [](const Slot *a, const Slot *b) {
+            return std::less<const unsigned char *>()(a->row, b->row);
+        });
         QList<Record> result;
         result.reserve(static_cast<int>(records.size()));
-        for (const Record *record : records)
-            result.append(*record);
+        for (const Slot *slot : records)
+            result.append(Record(tableOf(*slot), slot->row));
         return result;
     }
 
 private:
+    struct Slot
+    {
+        unsigned char *row = nullptr; // null: empty; holds a reference
+        quintptr tableAndAction = 0;
+    };
+    static constexpr quintptr ActionBits = 7;
+
+    static int actionOf(const Slot &slot) { return static_cast<int>(slot.tableAndAction & ActionBits); }
+    static const Table *tableOf(const Slot &slot)
+    {
+        return reinterpret_cast<const Table *>(slot.tableAndAction & ~ActionBits);
+    }
+    static void release(unsigned char *row)
+    {
+        if (row && !RowRef::deref(row))
+            RowRef::freeRow(row);
+    }
     size_t homeOf(const unsigned char *row) const
     {
         quint64 x = reinterpret_cast<quintptr>(row);
         x ^= x >> 33;
         x *= 0xff51afd7ed558ccdULL;
         x ^= x >> 33;
-        return static_cast<size_t>(x) & (m_slots.size() - 1);
+        return static_cast<size_t>(x) & (m_capacity - 1);
     }
     // The slot holding `row`, or the empty slot where it would go.
     size_t find(const unsigned char *row) const
     {
-        const size_t mask = m_slots.size() - 1;
+        const size_t mask = m_capacity - 1;
         size_t slot = homeOf(row);
-        while (m_slots[slot].action != 0 && m_slots[slot].record.rowPtr() != row)
+        while (m_slots[slot].row && m_slots[slot].row != row)
             slot = (slot + 1) & mask;
         return slot;
     }
+    void allocate(size_t capacity)
+    {
+        const size_t bytes = capacity * sizeof(Slot);
+        m_slots = static_cast<Slot *>(largealloc::allocate(bytes));
+        // Mapped blocks come zeroed; heap ones do not.
+        if (bytes < largealloc::Threshold)
+            std::memset(static_cast<void *>(m_slots), 0, bytes);
+        m_capacity = capacity;
+    }
     void grow()
     {
-        std::vector<Slot> old(std::max<size_t>(16, 2 * m_slots.size()));
-        old.swap(m_slots);
-        for (Slot &slot : old) {
-            if (slot.action != 0)
-                m_slots[find(slot.record.rowPtr())] = std::move(slot);
+        Slot *old = m_slots;
+        const size_t oldCapacity = m_capacity;
+        allocate(std::max<size_t>(16, 2 * oldCapacity));
+        for (size_t i = 0; i < oldCapacity; ++i) {
+            if (old[i].row)
+                m_slots[find(old[i].row)] = old[i];
         }
+        if (old)
+            largealloc::deallocate(old, oldCapacity * sizeof(Slot));
     }
 
-    std::vector<Slot> m_slots; // a power of two, at most half full
+    Slot *m_slots = nullptr; // m_capacity slots, a power of two, at most half full
+    size_t m_capacity = 0;
     size_t m_size = 0;
 };
 

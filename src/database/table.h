@@ -125,6 +125,7 @@ protected:
     friend class Table;
     friend class TableModel;
     friend class MasterIndex_Fast;
+    friend class RecordsTrans;
     // Adds a reference to `row`, which must not be null.
     Record(const Table *table, unsigned char *row) noexcept : m_table(table), m_row(row) { RowRef::ref(m_row); }
 
