@@ -124,9 +124,19 @@ int searchesBeforeRebuild(int rows)
 
 quint64 MasterIndex_Fast::packedKey(const unsigned char *row) const
 {
-    quint64 key = 0;
-    std::memcpy(&key, row + m_keyOffset, static_cast<size_t>(m_keyLength));
-    return key;
+    const unsigned char *key = row + m_keyOffset;
+    // The common widths without a call; any width packs as its bytes would.
+    switch (m_keyLength) {
+    case 8:
+        return qFromLittleEndian<quint64>(key);
+    case 4:
+        return qFromLittleEndian<quint32>(key);
+    default: {
+        quint64 packed = 0;
+        std::memcpy(&packed, key, static_cast<size_t>(m_keyLength));
+        return qFromLittleEndian(packed);
+    }
+    }
 }
 
 bool MasterIndex_Fast::keysUsable() const
@@ -272,25 +282,37 @@ void MasterIndex_Fast::process(const QList<Record> &removed, const QList<Record>
         MasterIndexColumn::process(removed, updated, firstColumn, lastColumn, inserted);
         return;
     }
+    // The rows of a batch lie anywhere in the heap and their slots anywhere
+    // in the table: each row is fetched a few records ahead of its slot, and
+    // its slot a few ahead of its use.
+    auto forEachKey = [this](const QList<Record> &records, auto use) {
+        constexpr int RowAhead = 16;
+        constexpr int SlotAhead = 8;
+        const int n = records.size();
+        for (int i = 0; i < n; ++i) {
+            if (i + RowAhead < n)
+                __builtin_prefetch(records[i + RowAhead].rowPtr() + m_keyOffset);
+            if (i + SlotAhead < n)
+                m_keys->prefetch(packedKey(records[i + SlotAhead].rowPtr()));
+            use(records[i], packedKey(records[i].rowPtr()));
+        }
+    };
     // Updated rows still under their keys stay where they are, as the sorted
     // batch would leave them: only the others go to it.
     bool ok = true;
     QList<Record> moved;
-    for (int u = 0; u < updated.size(); ++u) {
-        if (u + 8 < updated.size())
-            m_keys->prefetch(packedKey(updated[u + 8].rowPtr()));
-        const Record &record = updated[u];
-        if (!m_keys->holds(packedKey(record.rowPtr()), record.rowPtr())) {
+    forEachKey(updated, [&](const Record &record, quint64 key) {
+        if (!m_keys->holds(key, record.rowPtr())) {
             moved.append(record);
             ok = false;
         }
-    }
+    });
     // A removed row that is not in the table has no key to give back; one
     // that is but was not found under its key leaves the counts unequal.
-    for (const Record &record : removed)
-        m_keys->erase(packedKey(record.rowPtr()), record.rowPtr());
-    for (const Record &record : inserted)
-        ok = m_keys->insert(packedKey(record.rowPtr()), record.rowPtr()) && ok;
+    forEachKey(removed, [&](const Record &record, quint64 key) { m_keys->erase(key, record.rowPtr()); });
+    forEachKey(inserted, [&](const Record &record, quint64 key) {
+        ok = m_keys->insert(key, record.rowPtr()) && ok;
+    });
     MasterIndexColumn::process(removed, moved, firstColumn, lastColumn, inserted);
     keysFollowed(ok);
 }
