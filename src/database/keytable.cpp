@@ -2,8 +2,6 @@
 
 #include "largealloc_p.h"
 
-#include <cstring>
-
 KeyTable::~KeyTable()
 {
     clear();
@@ -31,10 +29,7 @@ void KeyTable::reserve(int count)
 void KeyTable::rehash(std::size_t capacity)
 {
     const std::size_t size = capacity * sizeof(Slot);
-    auto *slots = static_cast<Slot *>(largealloc::allocate(size));
-    // Mapped blocks come zeroed; heap ones do not.
-    if (size < largealloc::Threshold)
-        std::memset(static_cast<void *>(slots), 0, size);
+    auto *slots = static_cast<Slot *>(largealloc::allocateZeroed(size));
     Slot *old = m_slots;
     const std::size_t oldCapacity = m_capacity;
     m_slots = slots;

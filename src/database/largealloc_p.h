@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstring>
 #include <initializer_list>
 #include <new>
 #include <thread>
@@ -35,6 +36,15 @@ constexpr std::size_t Threshold = std::size_t(2) << 20;
 DATABASE_EXPORT void *allocate(std::size_t bytes);
 // `bytes` as given to allocate().
 DATABASE_EXPORT void deallocate(void *block, std::size_t bytes) noexcept;
+// allocate(), zeroed whatever its size: a mapped block comes zeroed, a
+// heap one is cleared. For tables whose empty slot is all zero bits.
+inline void *allocateZeroed(std::size_t bytes)
+{
+    void *block = allocate(bytes);
+    if (bytes < Threshold)
+        std::memset(block, 0, bytes);
+    return block;
+}
 
 // Faults blocks in on another thread while this one works: in a virtual
 // machine a first touch costs more than zeroing the page, and a build that

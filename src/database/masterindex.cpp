@@ -26,6 +26,8 @@ Record MasterIndex::findRecord(const QString &text)
 
 Record MasterIndex::findRecord(const Record &key) const
 {
+    // Only the class itself: a subclass may order or filter otherwise than
+    // its key bytes say, and keeps its own search().
     Record found;
     if (typeid(*this) == typeid(MasterIndex_Fast) && static_cast<const MasterIndex_Fast *>(this)->lookup(key, found))
         return found;

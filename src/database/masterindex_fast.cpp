@@ -11,7 +11,6 @@
 #include <QtCore/QtEndian>
 
 #include <cstring>
-#include <typeinfo>
 
 MasterIndex_Fast::MasterIndex_Fast(Table *table, const QStringList &columns)
     : MasterIndexColumn(table, columns)
@@ -141,8 +140,9 @@ quint64 MasterIndex_Fast::packedKey(const unsigned char *row) const
 
 bool MasterIndex_Fast::keysUsable() const
 {
-    // A subclass may compare or filter otherwise than the bytes say.
-    return m_keyLength > 0 && m_keyLength <= 8 && typeid(*this) == typeid(MasterIndex_Fast);
+    // findRecord() comes here for this very class only: a subclass may
+    // compare or filter otherwise than the bytes say.
+    return m_keyLength > 0 && m_keyLength <= 8;
 }
 
 bool MasterIndex_Fast::keysLive() const

@@ -145,10 +145,7 @@ private:
     void allocate(size_t capacity)
     {
         const size_t bytes = capacity * sizeof(Slot);
-        m_slots = static_cast<Slot *>(largealloc::allocate(bytes));
-        // Mapped blocks come zeroed; heap ones do not.
-        if (bytes < largealloc::Threshold)
-            std::memset(static_cast<void *>(m_slots), 0, bytes);
+        m_slots = static_cast<Slot *>(largealloc::allocateZeroed(bytes));
         m_capacity = capacity;
     }
     void grow()
