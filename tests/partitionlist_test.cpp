@@ -246,6 +246,112 @@ TEST(PartitionList, RemoveRangesCompactsForwardOnly)
 
 namespace {
 
+// Runs its jobs in two pieces, the later one first: a replace() whose
+// partitions' work depended on each other's order would come out wrong.
+struct BackwardRunner
+{
+    template <typename Body>
+    void operator()(int jobs, long long, const Body &body) const
+    {
+        body(jobs / 2, jobs);
+        body(0, jobs / 2);
+    }
+};
+
+} // namespace
+
+// replace() is removeRanges() then insertBlocks(): the same elements, layout
+// and capacities, through partitions that empty, merge and split, blocks at
+// partition boundaries, at the ends, empty or past the end, and calls it
+// hands to the two (a block that goes back, or inside the one before it).
+// The edit it reports takes the old elements to the new ones.
+TEST(PartitionList, ReplaceIsRemoveRangesThenInsertBlocks)
+{
+    QRandomGenerator random(20261125);
+    int edits = 0;
+    for (const int size : {4, 6, 10, 16}) {
+        PartitionList<QString> fast(size);
+        PartitionList<QString> plain(size);
+        int next = 0;
+        for (int i = 0; i < 5 * size; ++i) {
+            fast.append(QString::number(next));
+            plain.append(QString::number(next++));
+        }
+        for (int step = 0; step < 400; ++step) {
+            const int n = fast.count();
+            QVector<QPair<int, int>> ranges;
+            for (int at = random.bounded(4); at < n && ranges.size() < 6; at += 1 + random.bounded(size * 2)) {
+                const int to = std::min(n, at + 1 + random.bounded(random.bounded(8) == 0 ? size * 2 : 3));
+                ranges.append(qMakePair(at, to));
+                at = to;
+            }
+            int left = n;
+            for (const auto &r : ranges)
+                left -= r.second - r.first;
+            // Fewer rows in than out while the list is long, and the other way.
+            const int blocks = random.bounded(n > 12 * size ? 3 : 7);
+            std::vector<int> points;
+            std::vector<int> sizes;
+            std::vector<QString> elements;
+            int point = random.bounded(3);
+            for (int b = 0; b < blocks; ++b) {
+                const int count = random.bounded(b == 0 && random.bounded(4) == 0 ? 2 * size : 5);
+                if (b > 0 && points.back() > 0 && random.bounded(20) == 0)
+                    point = points.back() + random.bounded(-1, std::max(0, sizes.back() - 1)); // back, or inside
+                else if (random.bounded(40) == 0)
+                    point = left + 1 + random.bounded(3); // past the end
+                points.push_back(point);
+                sizes.push_back(count);
+                for (int e = 0; e < count; ++e)
+                    elements.push_back(QStringLiteral("new %1").arg(next++));
+                if (point >= 0 && point <= left)
+                    left += count;
+                point = std::max(0, point) + count + random.bounded(std::max(1, size));
+                point = std::min(point, left);
+            }
+            const std::vector<QString> before(fast.begin(), fast.end());
+            const quint64 since = fast.changes();
+            fast.replace(ranges, points.data(), sizes.data(), blocks, elements.data(), BackwardRunner());
+            // The edit it reports takes the old elements to the new ones.
+            if (const auto *edit = fast.lastEdit(since)) {
+                ++edits;
+                std::vector<QString> followed;
+                size_t removed = 0;
+                size_t inserted = 0;
+                for (size_t i = 0; i < before.size() || inserted < edit->inserted.size();) {
+                    if (inserted < edit->inserted.size() && edit->inserted[inserted] == int(followed.size())) {
+                        followed.push_back(fast.at(edit->inserted[inserted++]));
+                    } else if (removed < edit->removed.size() && edit->removed[removed] == int(i)) {
+                        ++removed;
+                        ++i;
+                    } else {
+                        ASSERT_LT(i, before.size());
+                        followed.push_back(before[i++]);
+                    }
+                }
+                ASSERT_EQ(removed, edit->removed.size());
+                ASSERT_TRUE(std::equal(followed.begin(), followed.end(), fast.begin(), fast.end()))
+                    << "size " << size << ", step " << step;
+            }
+            plain.removeRanges(ranges);
+            plain.insertBlocks(points.data(), sizes.data(), blocks, elements.data());
+            ASSERT_EQ(fast.partitionCounts(), plain.partitionCounts()) << "size " << size << ", step " << step;
+            ASSERT_EQ(fast.capacity(), plain.capacity()) << "size " << size << ", step " << step;
+            ASSERT_TRUE(std::equal(fast.begin(), fast.end(), plain.begin(), plain.end()))
+                << "size " << size << ", step " << step;
+        }
+        // Any later change ends what the edit describes.
+        const quint64 since = fast.changes();
+        fast.replace({}, nullptr, nullptr, 0, nullptr);
+        EXPECT_NE(fast.lastEdit(since), nullptr);
+        fast.append(QStringLiteral("later"));
+        EXPECT_EQ(fast.lastEdit(since), nullptr);
+    }
+    EXPECT_GT(edits, 1000); // most calls are followed
+}
+
+namespace {
+
 class MoveTest : public ::testing::Test
 {
 protected:

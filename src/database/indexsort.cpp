@@ -74,7 +74,7 @@ int IndexSort::searchEqual(const Record &key, int after, bool last) const
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
         const Record &element = reader.at(mid);
-        prefetchNextProbes<Record>(reader, lo, mid, hi);
+        prefetchNextProbes(reader, lo, mid, hi);
         const int c = compare(element, key);
         if (c == 0)
             found = mid;
@@ -185,7 +185,7 @@ QVector<int> IndexSort::searchMany(const QVector<Record> &keys) const
     std::vector<int> hi(static_cast<size_t>(keys.size()), n);
     // The probes of search(key, -1): an equal key is remembered and the
     // search goes on to the left for the first of the run.
-    lockstepSearch(IndexOrder{this}, m_list, keys.size(), [&keys](int g) -> const Record & { return keys[g]; }, lo.data(),
+    lockstepSearch<Record>(IndexOrder{this}, m_list, keys.size(), [&keys](int g) -> const Record & { return keys[g]; }, lo.data(),
                    hi.data(), [&found](int g, int mid, int c, int &low, int &high) {
                        if (c == 0)
                            found[g] = mid;

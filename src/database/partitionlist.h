@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <type_traits>
 #include <vector>
@@ -341,10 +342,290 @@ public:
     // Inserts `blocks` blocks as that many insert(points[j], block j) calls
     // in a row would, with the same splits, but moving each element of a
     // partition once for all the blocks that land in it. Block j holds the
-    // next sizes[j] elements of `elements` (copied). REQUIRES: each point is
-    // in the list as it stands once the blocks before it are in, and the
-    // points do not decrease.
+    // next sizes[j] elements of `elements` (copied); each point is taken in
+    // the list as it stands once the blocks before it are in, and a point out
+    // of range inserts nothing. A point before the end of the block before
+    // it (a block inside another, or going back) puts the blocks so far in
+    // place first: the cheap case is points at or past the blocks before.
     void insertBlocks(const int *points, const int *sizes, int blocks, const T *elements)
+    {
+        std::vector<const T *> sources(static_cast<size_t>(std::max(blocks, 0)));
+        for (int j = 0; j < blocks; ++j) {
+            sources[static_cast<size_t>(j)] = elements;
+            elements += sizes[j];
+        }
+        insertBlocksFrom(points, sizes, blocks, sources.data());
+    }
+
+    // Runs body(first, last) over jobs [0, jobs) on the calling thread: how
+    // replace() does its partitions' work unless told otherwise.
+    struct SerialRunner
+    {
+        template <typename Body>
+        void operator()(int jobs, long long /*work*/, const Body &body) const
+        {
+            body(0, jobs);
+        }
+    };
+
+    // removeRanges(ranges) and then insertBlocks(points, sizes, blocks,
+    // elements), with the same elements, layout and capacities. A partition
+    // that neither empties, merges nor splits on the way is rewritten in one
+    // forward pass for both, each of its elements moved once, instead of a
+    // pass to close the gaps and one from the back to open them; the
+    // partitions' passes are independent, and `run(jobs, work, body)` may
+    // spread body(first, last) over jobs [0, jobs) among threads (`work`:
+    // the elements they move). When the ranges are not sorted and disjoint,
+    // a block's point falls inside the block before it or a size is
+    // negative, it makes the two calls.
+    template <typename Runner = SerialRunner>
+    void replace(const QVector<QPair<int, int>> &ranges, const int *points, const int *sizes, int blocks,
+                 const T *elements, Runner run = Runner())
+    {
+        const quint64 before = m_changes;
+        const int countBefore = m_count;
+        replaceNow(ranges, points, sizes, blocks, elements, run);
+        noteEdit(before, countBefore, ranges, points, sizes, blocks);
+    }
+
+    // What the last replace() did to the positions, so that a copy of the
+    // list can follow it instead of reading the list again.
+    struct Edit
+    {
+        std::vector<int> removed;  // positions in the list before, ascending
+        std::vector<int> inserted; // positions in the list after, ascending
+        // Positions before of elements that stayed but changed, ascending
+        // (see noteTouched).
+        std::vector<int> touched;
+    };
+    // The last replace() when it took the list from changes() == `since` to
+    // the list as it stands, nothing after it; else null (also when it was
+    // larger than MaxEdit positions, or its blocks went back).
+    static constexpr size_t MaxEdit = size_t(1) << 16;
+    const Edit *lastEdit(quint64 since) const
+    {
+        return m_edit && m_edit->valid && m_edit->before == since && m_edit->after == m_changes ? &m_edit->edit
+                                                                                               : nullptr;
+    }
+    // Adds to the last replace(), when nothing came after it, the positions
+    // before it of elements that it left in place but whose values the
+    // caller changed (its own view of what changed).
+    void noteTouched(std::vector<int> positions)
+    {
+        if (!m_edit || !m_edit->valid || m_edit->after != m_changes)
+            return;
+        std::sort(positions.begin(), positions.end());
+        positions.erase(std::unique(positions.begin(), positions.end()), positions.end());
+        m_edit->edit.touched = std::move(positions);
+    }
+
+private:
+    struct EditRecord
+    {
+        quint64 before = 0;
+        quint64 after = 0;
+        bool valid = false;
+        Edit edit;
+    };
+    void noteEdit(quint64 before, int countBefore, const QVector<QPair<int, int>> &ranges, const int *points,
+                  const int *sizes, int blocks)
+    {
+        if (!m_edit)
+            m_edit = std::make_unique<EditRecord>();
+        EditRecord &e = *m_edit;
+        e.before = before;
+        e.after = m_changes;
+        e.valid = false;
+        e.edit.removed.clear();
+        e.edit.inserted.clear();
+        e.edit.touched.clear();
+        int total = countBefore;
+        int last = 0;
+        for (const auto &range : ranges) {
+            if (range.first < last || range.second <= range.first || range.second > countBefore
+                || e.edit.removed.size() + static_cast<size_t>(range.second - range.first) > MaxEdit)
+                return;
+            for (int p = range.first; p < range.second; ++p)
+                e.edit.removed.push_back(p);
+            total -= range.second - range.first;
+            last = range.second;
+        }
+        long long lastEnd = 0;
+        for (int j = 0; j < blocks; ++j) {
+            const int i = points[j];
+            const int n = sizes[j];
+            if (n < 0)
+                return;
+            if (i < 0 || i > total || n == 0)
+                continue;
+            if (i < lastEnd || e.edit.removed.size() + e.edit.inserted.size() + static_cast<size_t>(n) > MaxEdit)
+                return;
+            for (int p = i; p < i + n; ++p)
+                e.edit.inserted.push_back(p);
+            lastEnd = static_cast<long long>(i) + n;
+            total += n;
+        }
+        e.valid = true;
+    }
+
+    template <typename Runner>
+    void replaceNow(const QVector<QPair<int, int>> &ranges, const int *points, const int *sizes, int blocks,
+                    const T *elements, Runner &run)
+    {
+        const int entries = m_partitions.size();
+        bool plain = entries < 3;
+        for (int r = 0; r < ranges.size() && !plain; ++r) {
+            plain = ranges[r].first < (r > 0 ? ranges[r - 1].second : 0) || ranges[r].second <= ranges[r].first
+                || ranges[r].second > m_count;
+        }
+        for (int j = 0; j < blocks && !plain; ++j)
+            plain = sizes[j] < 0;
+        if (plain) {
+            removeRanges(ranges);
+            insertBlocks(points, sizes, blocks, elements);
+            return;
+        }
+
+        // Each partition's share of the ranges and its count without them.
+        struct Work
+        {
+            int firstRange = 0;
+            int removed = 0;
+            int count = 0;       // after the removals, then with its blocks
+            int firstBlock = -1; // in `placed`
+            int blockCount = 0;
+            bool splits = false;
+        };
+        std::vector<Work> work(static_cast<size_t>(entries));
+        int removedTotal = 0;
+        for (int k = 1, r = 0; k + 1 < entries; ++k) {
+            const int start = m_offsets[k];
+            const int stop = start + m_partitions[k]->count;
+            while (r < ranges.size() && ranges[r].second <= start)
+                ++r;
+            Work &w = work[static_cast<size_t>(k)];
+            w.firstRange = r;
+            for (int q = r; q < ranges.size() && ranges[q].first < stop; ++q)
+                w.removed += std::min(ranges[q].second, stop) - std::max(ranges[q].first, start);
+            w.count = m_partitions[k]->count - w.removed;
+            removedTotal += w.removed;
+        }
+        // The compaction would delete or merge a partition: the layout
+        // changes, the two calls make it.
+        bool compacts = false;
+        for (int k = 1; k + 1 < entries && !compacts; ++k) {
+            compacts = work[static_cast<size_t>(k)].count == 0
+                || (k + 2 < entries
+                    && work[static_cast<size_t>(k)].count + work[static_cast<size_t>(k + 1)].count < m_mergeThreshold);
+        }
+
+        // Where each block lands, following the blocks before it: a
+        // boundary belongs to the earlier partition. A partition that
+        // reaches partitionSize splits, and its blocks go in as
+        // insertBlocks puts them, after the rest.
+        struct Placed
+        {
+            int offset; // in its partition, with its earlier blocks in
+            int n;
+            const T *source;
+            int block;
+            int entry;
+        };
+        std::vector<Placed> placed;
+        placed.reserve(static_cast<size_t>(std::max(blocks, 0)));
+        bool ordered = true;
+        {
+            int total = m_count - removedTotal;
+            int k = 1;
+            int startK = 0; // where partition k starts now
+            long long lastEnd = -1;
+            const T *next = elements;
+            for (int j = 0; j < blocks && !compacts && ordered; ++j) {
+                const int n = sizes[j];
+                const T *source = next;
+                next += n;
+                const int i = points[j];
+                if (i < 0 || i > total || n == 0)
+                    continue; // as insertBlocks: nothing goes in
+                ordered = i >= lastEnd;
+                lastEnd = static_cast<long long>(i) + n;
+                while (startK + work[static_cast<size_t>(k)].count < i) {
+                    startK += work[static_cast<size_t>(k)].count;
+                    ++k;
+                }
+                Work &w = work[static_cast<size_t>(k)];
+                if (w.firstBlock < 0)
+                    w.firstBlock = static_cast<int>(placed.size());
+                ++w.blockCount;
+                placed.push_back({i - startK, n, source, j, k});
+                w.count += n;
+                total += n;
+                if (w.count >= m_partitionSize)
+                    w.splits = true;
+            }
+        }
+        if (compacts || !ordered) {
+            removeRanges(ranges);
+            insertBlocks(points, sizes, blocks, elements);
+            return;
+        }
+
+        [[maybe_unused]] const Checked checked{this};
+        ++m_changes;
+        std::vector<int> jobs;
+        long long moved = 0;
+        int scratchSize = 0;
+        for (int k = 1; k + 1 < entries; ++k) {
+            const Work &w = work[static_cast<size_t>(k)];
+            if (w.removed > 0 || (w.blockCount > 0 && !w.splits)) {
+                jobs.push_back(k);
+                moved += m_partitions[k]->count;
+                if (!w.splits)
+                    scratchSize = std::max(scratchSize, w.count);
+            }
+        }
+        run(static_cast<int>(jobs.size()), moved, [&](int first, int last) {
+            T *scratch = nullptr;
+            for (int job = first; job < last; ++job) {
+                const int k = jobs[static_cast<size_t>(job)];
+                const Work &w = work[static_cast<size_t>(k)];
+                if (!w.splits && w.blockCount > 0 && !scratch) {
+                    scratch = static_cast<T *>(
+                        qMallocAligned(static_cast<size_t>(scratchSize) * sizeof(T), alignof(T)));
+                    Q_CHECK_PTR(scratch);
+                }
+                rewrite(k, ranges, w.firstRange, w.splits ? nullptr : placed.data() + std::max(w.firstBlock, 0),
+                        w.splits ? 0 : w.blockCount, scratch);
+            }
+            qFreeAligned(scratch);
+        });
+        m_count -= removedTotal;
+        for (const Placed &b : placed) {
+            if (!work[static_cast<size_t>(b.entry)].splits)
+                m_count += b.n;
+        }
+        rebuildOffsets();
+
+        // The splitting partitions' blocks, at their own points: the blocks
+        // already in lie in later partitions and do not move them.
+        std::vector<int> splitPoints;
+        std::vector<int> splitSizes;
+        std::vector<const T *> splitSources;
+        for (const Placed &b : placed) {
+            if (work[static_cast<size_t>(b.entry)].splits) {
+                splitPoints.push_back(points[b.block]);
+                splitSizes.push_back(b.n);
+                splitSources.push_back(b.source);
+            }
+        }
+        if (!splitPoints.empty())
+            insertBlocksFrom(splitPoints.data(), splitSizes.data(), static_cast<int>(splitPoints.size()),
+                             splitSources.data());
+    }
+
+public:
+    // As insertBlocks, block j taken from sources[j].
+    void insertBlocksFrom(const int *points, const int *sizes, int blocks, const T *const *sources)
     {
         [[maybe_unused]] const Checked checked{this};
         ++m_changes;
@@ -357,6 +638,7 @@ public:
         std::vector<Pending> pending;
         int current = -1;  // the entry whose blocks are pending
         int physical = 0;  // elements really in its storage
+        int pendingEnd = 0; // past the last block that went in
 
         auto materialize = [&]() {
             if (current < 0)
@@ -395,13 +677,13 @@ public:
 
         for (int j = 0; j < blocks; ++j) {
             const int n = sizes[j];
-            const T *source = elements;
-            elements += n;
+            const T *source = sources[j];
             const int k = entryForInsert(points[j]);
             if (k < 0 || n <= 0)
                 continue;
-            if (k != current)
+            if (k != current || points[j] < pendingEnd)
                 materialize();
+            pendingEnd = points[j] + n;
             if (!m_partitions[k]) {
                 m_partitions.insert(k, newPartition(std::max(m_partitionSize + 2, n)));
                 m_offsets.insert(k, m_count);
@@ -695,6 +977,96 @@ private:
         rebuildOffsets();
     }
 
+    // One partition's share of replace(): the ranges from ranges[firstRange]
+    // on that fall in partition k go, then its blocks come in, merged with
+    // what stays into `scratch` (room for the result) and copied back.
+    template <typename Placed>
+    void rewrite(int k, const QVector<QPair<int, int>> &ranges, int firstRange, const Placed *blocks, int blockCount,
+                 T *scratch)
+    {
+        Partition *p = m_partitions[k];
+        const int start = m_offsets[k];
+        const int stop = start + p->count;
+        // The local range [from, to) of ranges[r], or false past the partition.
+        auto rangeAt = [&](int r, int &from, int &to) {
+            if (r >= ranges.size() || ranges[r].first >= stop)
+                return false;
+            from = std::max(ranges[r].first, start) - start;
+            to = std::min(ranges[r].second, stop) - start;
+            return true;
+        };
+        // What goes is let go of first: the rest only moves bytes.
+        int removed = 0;
+        int from = 0;
+        int to = 0;
+        for (int r = firstRange; rangeAt(r, from, to); ++r) {
+            for (T *e = p->first + from; e != p->first + to; ++e)
+                e->~T();
+            removed += to - from;
+        }
+        if (blockCount == 0) {
+            T *write = p->first;
+            const T *read = p->first;
+            for (int r = firstRange; rangeAt(r, from, to); ++r) {
+                const auto keep = static_cast<size_t>(p->first + from - read);
+                std::memmove(static_cast<void *>(write), read, keep * sizeof(T));
+                write += keep;
+                read = p->first + to;
+            }
+            std::memmove(static_cast<void *>(write), read, static_cast<size_t>(p->last - read) * sizeof(T));
+            p->count -= removed;
+            p->last = p->first + p->count;
+            return;
+        }
+        T *out = scratch;
+        int at = 0; // the next element of the partition to look at
+        int r = firstRange;
+        // Copies the next m elements that stay.
+        auto stay = [&](int m) {
+            while (m > 0) {
+                int end = p->count;
+                if (rangeAt(r, from, to)) {
+                    if (at >= from) {
+                        at = to;
+                        ++r;
+                        continue;
+                    }
+                    end = from;
+                }
+                const int take = std::min(m, end - at);
+                if (take <= 0)
+                    break;
+                std::memcpy(static_cast<void *>(out), p->first + at, static_cast<size_t>(take) * sizeof(T));
+                out += take;
+                at += take;
+                m -= take;
+            }
+        };
+        int stayed = 0;
+        int before = 0; // elements of the earlier blocks
+        for (int b = 0; b < blockCount; ++b) {
+            const int stays = blocks[b].offset - before;
+            stay(stays - stayed);
+            stayed = stays;
+            for (int e = 0; e < blocks[b].n; ++e)
+                new (out++) T(blocks[b].source[e]);
+            before += blocks[b].n;
+        }
+        stay(p->count - removed - stayed);
+        const int count = static_cast<int>(out - scratch);
+        if (count > p->capacity) {
+            // As insertBlocks grows a partition: to the count, no more.
+            T *storage = static_cast<T *>(qMallocAligned(static_cast<size_t>(count) * sizeof(T), alignof(T)));
+            Q_CHECK_PTR(storage);
+            qFreeAligned(p->first);
+            p->first = storage;
+            p->capacity = count;
+        }
+        std::memcpy(static_cast<void *>(p->first), scratch, static_cast<size_t>(count) * sizeof(T));
+        p->count = count;
+        p->last = p->first + count;
+    }
+
     // Moves every element of `from` to the end of `to` and destroys `from`.
     void moveAllInto(Partition *to, Partition *from)
     {
@@ -759,6 +1131,7 @@ private:
     QVector<Partition *> m_partitions;
     // m_offsets[k]: the number of elements before entry k of m_partitions.
     QVector<int> m_offsets;
+    std::unique_ptr<EditRecord> m_edit; // the last replace(), from the first one on
 };
 
 #endif // DATABASE_PARTITIONLIST_H

@@ -61,10 +61,99 @@ int scanForRow(const PartitionList<T> &list, int from, const unsigned char *row,
     return -1;
 }
 
+// A list read as it will stand once the positions `gone` (sorted, distinct,
+// in range) are out of it: a batch searches where its additions go before
+// its removals are made, so that both are made in one pass. The list must
+// not change meanwhile.
+template <typename T>
+class Without
+{
+public:
+    Without(const PartitionList<T> &list, const std::vector<int> &gone)
+        : m_list(&list), m_gone(&gone), m_count(list.count() - static_cast<int>(gone.size()))
+    {
+        // m_before[b]: how many of `gone` come before element b * Bucket.
+        m_before.resize(static_cast<size_t>(m_count / Bucket + 1));
+        size_t j = 0;
+        for (size_t b = 0; b < m_before.size(); ++b) {
+            while (j < gone.size() && kept(j) < static_cast<long long>(b) * Bucket)
+                ++j;
+            m_before[b] = j;
+        }
+    }
+    int count() const { return m_count; }
+    // The list's position of element i: i plus the positions gone at or
+    // before it, which are among those of its bucket (a step or two when
+    // few go, a binary search when most do).
+    int listPosition(int i) const
+    {
+        const size_t b = static_cast<size_t>(i / Bucket);
+        size_t lo = m_before[b];
+        size_t hi = b + 1 < m_before.size() ? m_before[b + 1] : m_gone->size();
+        while (lo < hi && kept(lo) <= i) {
+            const size_t mid = lo + (hi - lo) / 2;
+            if (kept(mid) <= i)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        return i + static_cast<int>(lo);
+    }
+    class Reader
+    {
+    public:
+        Reader() = default;
+        explicit Reader(const Without &without) : m_without(&without), m_reader(*without.m_list) {}
+        const T &at(int i) { return m_reader.at(m_without->listPosition(i)); }
+
+    private:
+        const Without *m_without = nullptr;
+        typename PartitionList<T>::Reader m_reader;
+    };
+
+private:
+    static constexpr int Bucket = 256;
+    // The elements that stay before gone[j].
+    long long kept(size_t j) const { return (*m_gone)[j] - static_cast<long long>(j); }
+
+    const PartitionList<T> *m_list;
+    const std::vector<int> *m_gone;
+    int m_count;
+    std::vector<size_t> m_before;
+};
+
+template <typename T>
+typename PartitionList<T>::Reader readerOf(const PartitionList<T> &list)
+{
+    return typename PartitionList<T>::Reader(list);
+}
+template <typename T>
+typename Without<T>::Reader readerOf(const Without<T> &without)
+{
+    return typename Without<T>::Reader(without);
+}
+
+// Spreads a list's partition work over the global pool (see
+// PartitionList::replace).
+struct PoolRunner
+{
+    template <typename Body>
+    void operator()(int jobs, long long work, const Body &body) const
+    {
+        const int pieces = static_cast<int>(std::min<long long>(jobs, parallel::piecesFor(work)));
+        if (pieces <= 1)
+            body(0, jobs);
+        else
+            parallel::forPieces(jobs, pieces, [&body](long long first, long long last) {
+                body(static_cast<int>(first), static_cast<int>(last));
+            });
+    }
+};
+
 // Starts the rows of both probes that may follow the probe at mid of
 // [lo, hi) on their way, so that a search waits for one row per step less.
-template <typename T>
-inline void prefetchNextProbes(typename PartitionList<T>::Reader &reader, int lo, int mid, int hi)
+template <typename Reader>
+inline void prefetchNextProbes(Reader &reader, int lo, int mid, int hi)
 {
     if (hi - lo > 2) {
         __builtin_prefetch(reader.at(lo + (mid - lo) / 2).rowPtr());
@@ -74,14 +163,14 @@ inline void prefetchNextProbes(typename PartitionList<T>::Reader &reader, int lo
 
 // The first position in [lo, hi) whose element is above `record` (upper) or
 // not below it (lower), by binary search.
-template <typename T, typename Order>
-int boundIn(const Order &order, const PartitionList<T> &list, const T &element, int lo, int hi, bool upper)
+template <typename Source, typename T, typename Order>
+int boundIn(const Order &order, const Source &list, const T &element, int lo, int hi, bool upper)
 {
-    typename PartitionList<T>::Reader reader(list);
+    auto reader = readerOf(list);
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
         const T &probe = reader.at(mid);
-        prefetchNextProbes<T>(reader, lo, mid, hi);
+        prefetchNextProbes(reader, lo, mid, hi);
         const int c = order.compare(probe, element);
         if (upper ? c <= 0 : c < 0)
             lo = mid + 1;
@@ -105,18 +194,17 @@ int positionOf(const Positions &positions, const T &element)
 // queueing. Each search makes exactly the probes it would make alone.
 // probe(g, mid, c, lo, hi) takes c = compare(element at mid, key g) and
 // narrows [lo, hi); searches end when lo reaches hi.
-template <typename T, typename Order, typename KeyAt, typename Probe>
-void lockstepSearch(const Order &order, const PartitionList<T> &list, int count, KeyAt keyAt, int *lo, int *hi,
-                    Probe probe)
+template <typename T, typename Source, typename Order, typename KeyAt, typename Probe>
+void lockstepSearch(const Order &order, const Source &list, int count, KeyAt keyAt, int *lo, int *hi, Probe probe)
 {
     constexpr int Group = 32;
     for (int first = 0; first < count; first += Group) {
         const int size = std::min(Group, count - first);
         const T *element[Group];
         // One reader per search: its probes soon stay in one partition.
-        typename PartitionList<T>::Reader readers[Group];
+        decltype(readerOf(list)) readers[Group];
         for (int g = 0; g < size; ++g)
-            readers[g] = typename PartitionList<T>::Reader(list);
+            readers[g] = readerOf(list);
         for (bool active = true; active;) {
             for (int g = first; g < first + size; ++g) {
                 if (lo[g] < hi[g]) {
@@ -138,6 +226,30 @@ void lockstepSearch(const Order &order, const PartitionList<T> &list, int count,
             }
         }
     }
+}
+
+// lockstepSearch cut among threads when there are enough searches to pay
+// for waking one: the searches are independent, each as it would be alone.
+template <typename T, typename Source, typename Order, typename KeyAt, typename Probe>
+void lockstepSearchShared(const Order &order, const Source &list, int count, KeyAt keyAt, int *lo, int *hi,
+                          Probe probe)
+{
+    // About 20 probes, each a row's cache miss, make a search a microsecond
+    // or two.
+    constexpr int PerPiece = 256;
+    const int pieces = std::min(parallel::piecesFor(static_cast<long long>(count) * 1024), count / PerPiece);
+    if (pieces <= 1) {
+        lockstepSearch<T>(order, list, count, keyAt, lo, hi, probe);
+        return;
+    }
+    parallel::forPieces(count, pieces, [&](long long first, long long last) {
+        const int from = static_cast<int>(first);
+        lockstepSearch<T>(
+            order, list, static_cast<int>(last - first), [&keyAt, from](int g) -> const T & { return keyAt(from + g); },
+            lo + from, hi + from, [&probe, from](int g, int mid, int c, int &low, int &high) {
+                probe(from + g, mid, c, low, high);
+            });
+    });
 }
 
 // Finds where each record stands, by row: first in the run of its key
@@ -178,7 +290,7 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
             size = std::min(first == 0 ? FirstRound : Round, count - first);
             std::fill(lo, lo + size, 0);
             std::fill(hi, hi + size, n);
-            lockstepSearch(
+            lockstepSearch<T>(
                 order, list, size,
                 [&records, first](int r) -> const T & { return *records[static_cast<size_t>(first + r)]; }, lo, hi,
                 [](int, int mid, int c, int &low, int &high) {
@@ -408,7 +520,8 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
             additions.push_back(updated[u]);
     }
 
-    // One sweep deletes every range and compacts the partitions.
+    // One sweep deletes every range and compacts the partitions; with the
+    // additions' blocks, in the same pass.
     std::vector<int> sortedDeleted(deletedFirst);
     sortedDeleted.insert(sortedDeleted.end(), deletedLater.begin(), deletedLater.end());
     std::sort(sortedDeleted.begin(), sortedDeleted.end());
@@ -419,11 +532,25 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
         else
             ranges.append(qMakePair(p, p + 1));
     }
-    list.removeRanges(ranges);
-
-    if (additions.empty())
+    // The updated records that stayed where they were, for a reader that
+    // follows the list's edits.
+    auto noteStaying = [&]() {
+        std::vector<int> touched;
+        for (int u = 0; u < updated.size(); ++u) {
+            if (actions[u] == Stay)
+                touched.push_back(updatedPositions[u]);
+        }
+        list.noteTouched(std::move(touched));
+    };
+    if (additions.empty()) {
+        list.replace(ranges, nullptr, nullptr, 0, nullptr, PoolRunner());
+        noteStaying();
         return;
+    }
     order.sort(additions);
+    // The additions' places are searched in the list as it will stand
+    // without the deleted elements.
+    const Without<T> after(list, sortedDeleted);
 
     // Additions that share an insertion point go in together as one block;
     // the search cursor only moves forward. The points are found in the list
@@ -435,14 +562,14 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
     // The bounds of the first and the last addition frame all the others;
     // when they agree (a batch appended at the end, as a load does), every
     // addition shares that point and nothing more is searched.
-    const int count = list.count();
+    const int count = after.count();
     const int additionCount = static_cast<int>(additions.size());
-    const int firstBound = boundIn(order, list, additions.front(), 0, count, true);
-    const int lastBound = boundIn(order, list, additions.back(), firstBound, count, true);
+    const int firstBound = boundIn(order, after, additions.front(), 0, count, true);
+    const int lastBound = boundIn(order, after, additions.back(), firstBound, count, true);
     std::vector<int> bound(additions.size(), firstBound);
     if (lastBound != firstBound) {
         std::vector<int> limit(additions.size(), lastBound);
-        lockstepSearch(order, list, additionCount,
+        lockstepSearchShared<T>(order, after, additionCount,
                        [&additions](int a) -> const T & { return additions[static_cast<size_t>(a)]; },
                        bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
                            if (c <= 0)
@@ -466,7 +593,9 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
         ++sizes.back();
         cursor = lo;
     }
-    list.insertBlocks(points.data(), sizes.data(), static_cast<int>(points.size()), additions.data());
+    list.replace(ranges, points.data(), sizes.data(), static_cast<int>(points.size()), additions.data(),
+                 PoolRunner());
+    noteStaying();
 }
 
 } // namespace sortbatch
