@@ -26,6 +26,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <set>
 
 namespace {
 
@@ -344,6 +345,69 @@ TEST(TableModel, RandomBatchesReplayOnEveryKindOfIndex)
             if (source == 2)
                 model->refresh();
             expectShows(*model, recorder, table, rows);
+            if (HasFatalFailure())
+                return;
+        }
+    }
+}
+
+// Batches through Table::process, which a sorted index applies as one edit
+// of its list that the model follows instead of rereading the index: moves
+// by key, rows the filter takes in and lets go, updates that leave a row in
+// place, removals and insertions, each replayed exactly. Now and then two
+// batches, or a single change, come between updates: the model then reads
+// the index again, and follows the next edit from there.
+TEST(TableModel, BatchesFollowedThroughTheIndexEditReplayExactly)
+{
+    for (const bool filtered : {false, true}) {
+        Table table(QStringLiteral("t"));
+        addColumns(table);
+        IntKeyIndex sorted(&table, 0, [filtered](const Record &r) { return !filtered || getInt(r, 1) % 5 != 0; });
+        TableModel model(&sorted);
+        model.setLayoutThreshold(1000);
+        QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::Fatal);
+        Recorder recorder(model);
+        QRandomGenerator random(filtered ? 31 : 37);
+        int nextId = 1;
+        for (int i = 0; i < 300; ++i)
+            appendRow(table, {random.bounded(100), nextId++});
+        model.update();
+        for (int round = 0; round < 400; ++round) {
+            const int batches = random.bounded(8) == 0 ? 2 : 1;
+            for (int b = 0; b < batches; ++b) {
+                TableUpdater updater(&table);
+                QList<Record> removed, updated, inserted;
+                std::set<const unsigned char *> used;
+                const int changes = 1 + random.bounded(random.bounded(4) == 0 ? 60 : 8);
+                for (int k = 0; k < changes; ++k) {
+                    const int op = random.bounded(10);
+                    if (op < 2 || table.rowCount() < 50) {
+                        inserted.append(makeRow(table, {random.bounded(100), nextId++}));
+                        continue;
+                    }
+                    const Record row = table.masterIndex()->at(random.bounded(table.rowCount()));
+                    if (!used.insert(row.rowPtr()).second)
+                        continue;
+                    if (op < 4) {
+                        removed.append(row);
+                    } else if (op < 8) {
+                        setInt(row, 0, random.bounded(100)); // moves, or stays between equal keys
+                        updated.append(row);
+                    } else {
+                        setInt(row, 1, nextId++); // in place, or in or out of the filter
+                        updated.append(row);
+                    }
+                }
+                table.process(removed, updated, 0, 2, inserted);
+            }
+            if (random.bounded(10) == 0) {
+                TableUpdater updater(&table);
+                const Record row = table.masterIndex()->at(random.bounded(table.rowCount()));
+                setInt(row, 0, random.bounded(100));
+                row.updated(0);
+            }
+            model.update();
+            expectShows(model, recorder, table, [&] { return rowsOf(sorted); });
             if (HasFatalFailure())
                 return;
         }

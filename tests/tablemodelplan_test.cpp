@@ -280,6 +280,12 @@ TEST(TableModelPlan, AViewThatDiffersFromTheIndexIsNamed)
     EXPECT_DEATH(tablemodelplan::verifyShown(view, {row(0), row(2), row(1)}), "TableModel: row 1 shown is not the index's row 1");
     view.remove(2, 1);
     EXPECT_DEATH(tablemodelplan::verifyShown(view, rows), "TableModel: the signals left 2 rows shown, the index has 3");
+    // Rows made by following an index's edit, against the index's own.
+    tablemodelplan::verifyFollowed(rows, rows);
+    EXPECT_DEATH(tablemodelplan::verifyFollowed(rows, {row(0), row(1)}),
+                 "following the index's edit gave 3 rows, the index has 2");
+    EXPECT_DEATH(tablemodelplan::verifyFollowed(rows, {row(0), row(1), row(3)}),
+                 "following the index's edit gave a row 2 that is not the index's");
 }
 
 TEST(TableModelPlan, ReorderedUnchangedRowsOrTooManySignalsMeanALayoutChange)
@@ -429,4 +435,35 @@ TEST(TableModelPlan, APassCutInPiecesPlansAsTheSinglePassDoes)
     // Both outcomes were met.
     EXPECT_GT(failed, 20);
     EXPECT_GT(done, 100);
+}
+
+// Given where each changed row was and is, the plan is the one the pass
+// over both lists finds, and a failure (too many signals) is the same too.
+TEST(TableModelPlan, KnownPlacesPlanAsThePassDoes)
+{
+    QRandomGenerator random(20261125);
+    int planned = 0;
+    for (int round = 0; round < 2000; ++round) {
+        const Update u = randomUpdate(random, static_cast<int>(random.bounded(30)));
+        std::vector<int> oldPositions, newPositions;
+        for (const ChangedRow &c : u.changed) {
+            const auto was = std::find(u.rows.begin(), u.rows.end(), c.row);
+            const auto is = std::find(u.next.begin(), u.next.end(), c.row);
+            oldPositions.push_back(was == u.rows.end() ? -1 : static_cast<int>(was - u.rows.begin()));
+            newPositions.push_back(is == u.next.end() ? -1 : static_cast<int>(is - u.next.begin()));
+        }
+        const int threshold = std::vector<int>{2, 5, 1000}[random.bounded(3)];
+        std::vector<Step> pass, known;
+        const bool passed = tablemodelplan::plan(u.rows, u.next, u.changed, shownColumns, threshold, pass);
+        ASSERT_EQ(tablemodelplan::planFollowing(u.rows, u.next, u.changed, oldPositions, newPositions, shownColumns,
+                                                threshold, known),
+                  passed)
+            << "round " << round;
+        if (passed) {
+            ASSERT_TRUE(sameSteps(known, pass)) << "round " << round;
+        }
+        planned += passed;
+    }
+    EXPECT_GT(planned, 500);
+    EXPECT_LT(planned, 1900);
 }

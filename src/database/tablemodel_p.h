@@ -129,7 +129,15 @@ public:
     // found by a search for each row instead of a pass over the index; false
     // when the update may have moved, added or removed rows. Under the lock.
     bool planInPlace(const TableModelPending &taken, std::vector<tablemodelplan::Step> &steps) const;
-    bool updateFine(TableModelPending &pending);
+    // Takes `rows` to the index's rows through the index's last edit (see
+    // PartitionList::lastEdit) into `incoming`, and finds where each
+    // changed row was and is, instead of reading the whole index and
+    // matching the lists; false when the edit does not account for
+    // everything since the last read. Under the lock.
+    bool followEdit(const TableModelPending &taken, std::vector<int> &was, std::vector<int> &is);
+    // The steps from `rows` to `incoming`, signalled; `was` and `is` the
+    // changed rows' places when followEdit found them (else empty).
+    bool updateFine(TableModelPending &pending, const std::vector<int> &was, const std::vector<int> &is);
     void updateLayout();
     void updateReset();
     // The incoming rows become the model's rows, under the table's lock.
@@ -142,6 +150,10 @@ public:
     IndexVector *vector = nullptr;
     bool useMaster = false;
     bool registered = false;
+    // The source list's changes() when it was last read: what an edit of it
+    // must start from to be followed.
+    mutable quint64 seenChanges = 0;
+    mutable bool seenValid = false;
     // Lets the watcher of the index's removal outlive the model.
     std::shared_ptr<TableModelLink> link;
     QStringList columnNames; // empty: every column

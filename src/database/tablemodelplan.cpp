@@ -419,31 +419,53 @@ void planInPlace(const std::vector<ChangedRow> &changed, const std::vector<int> 
     dataSteps(order, columns, threshold, steps);
 }
 
+namespace {
+
+// The changed rows, once each, with what changed of each merged.
+struct ChangeSet
+{
+    explicit ChangeSet(const std::vector<ChangedRow> &changed) : ids(changed.size()), filter(changed.size())
+    {
+        for (const ChangedRow &c : changed) {
+            bool added = false;
+            const size_t id = ids.insert(c.row, changes.size(), &added);
+            if (added) {
+                changes.emplace_back();
+                changes.back().row = c.row;
+                filter.add(c.row);
+            }
+            merge(changes[id], c);
+        }
+    }
+    Change *find(const unsigned char *row)
+    {
+        if (!filter.maybe(row))
+            return nullptr;
+        const size_t id = ids.find(row);
+        return id == SIZE_MAX ? nullptr : &changes[id];
+    }
+
+    RowIds ids;
+    std::vector<Change> changes;
+    RowFilter filter;
+};
+
+// The steps, once every change knows where it was and is (and its anchors).
+bool finish(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next, ChangeSet &set,
+            const std::vector<int> &columns, int threshold, std::vector<Step> &steps);
+
+} // namespace
+
 bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
           std::vector<Step> &steps, int pieces)
 {
     steps.clear();
-    // The changed rows, once each.
-    RowIds ids(changed.size());
-    std::vector<Change> changes;
-    RowFilter filter(changed.size());
-    for (const ChangedRow &c : changed) {
-        bool added = false;
-        const size_t id = ids.insert(c.row, changes.size(), &added);
-        if (added) {
-            changes.emplace_back();
-            changes.back().row = c.row;
-            filter.add(c.row);
-        }
-        merge(changes[id], c);
-    }
-    auto find = [&](const unsigned char *row) -> Change * {
-        if (!filter.maybe(row))
-            return nullptr;
-        const size_t id = ids.find(row);
-        return id == SIZE_MAX ? nullptr : &changes[id];
-    };
+    ChangeSet set(changed);
+    std::vector<Change> &changes = set.changes;
+    const RowIds &ids = set.ids;
+    const RowFilter &filter = set.filter;
+    auto find = [&set](const unsigned char *row) { return set.find(row); };
 
     // One pass over both row lists: the unchanged rows must come in the same
     // order in both (else the index changed behind the table's back, and
@@ -511,6 +533,46 @@ bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
         change->oldPos = i;
         change->oldAnchor = unchanged;
     }
+    return finish(rows, next, set, columns, threshold, steps);
+}
+
+bool planFollowing(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
+                   const std::vector<ChangedRow> &changed, const std::vector<int> &oldPositions,
+                   const std::vector<int> &newPositions, const std::vector<int> &columns, int threshold,
+                   std::vector<Step> &steps)
+{
+    steps.clear();
+    ChangeSet set(changed);
+    // Each changed row's places, once each, in the order of the lists.
+    std::vector<Found> inRows;
+    std::vector<Found> inNext;
+    std::vector<char> given(set.changes.size(), 0);
+    for (size_t k = 0; k < changed.size(); ++k) {
+        const int id = static_cast<int>(set.ids.find(changed[k].row));
+        if (given[static_cast<size_t>(id)])
+            continue;
+        given[static_cast<size_t>(id)] = 1;
+        if (oldPositions[k] >= 0)
+            inRows.push_back({oldPositions[k], id});
+        if (newPositions[k] >= 0)
+            inNext.push_back({newPositions[k], id});
+    }
+    auto byPosition = [](const Found &a, const Found &b) { return a.position < b.position; };
+    std::sort(inRows.begin(), inRows.end(), byPosition);
+    std::sort(inNext.begin(), inNext.end(), byPosition);
+    if (!placeFound(inNext, inRows, set.changes))
+        return false;
+    return finish(rows, next, set, columns, threshold, steps);
+}
+
+namespace {
+
+bool finish(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next, ChangeSet &set,
+            const std::vector<int> &columns, int threshold, std::vector<Step> &steps)
+{
+    std::vector<Change> &changes = set.changes;
+    auto find = [&set](const unsigned char *row) { return set.find(row); };
+    const int newCount = static_cast<int>(next.size());
 
     // Rows shown in both that stayed between the same unchanged rows, and
     // in order among themselves, are not moved.
@@ -628,6 +690,19 @@ bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
     std::sort(kept.begin(), kept.end(), [](const Change *a, const Change *b) { return a->newPos < b->newPos; });
     dataSteps(kept, columns, threshold, steps);
     return true;
+}
+
+} // namespace
+
+void verifyFollowed(const tablemodelplan::Rows &followed, const tablemodelplan::Rows &read)
+{
+    if (followed.size() != read.size())
+        qFatal("TableModel: following the index's edit gave %d rows, the index has %d",
+               static_cast<int>(followed.size()), static_cast<int>(read.size()));
+    for (size_t i = 0; i < followed.size(); ++i) {
+        if (followed[i] != read[i])
+            qFatal("TableModel: following the index's edit gave a row %d that is not the index's", static_cast<int>(i));
+    }
 }
 
 void verifyShown(const TableModelRows &view, const tablemodelplan::Rows &rows)

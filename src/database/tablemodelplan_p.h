@@ -136,6 +136,15 @@ DATABASE_EXPORT bool plan(const tablemodelplan::Rows &rows, const tablemodelplan
                           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
                           std::vector<Step> &steps, int pieces = 0);
 
+// The same steps as plan() when the places of the changed rows are known
+// (changed[k] stands at oldPositions[k] in `rows` and newPositions[k] in
+// `next`, -1 where it is not), found without a pass over the lists. The
+// rows that did not change must be the same, in the same order, in both.
+DATABASE_EXPORT bool planFollowing(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
+                                   const std::vector<ChangedRow> &changed, const std::vector<int> &oldPositions,
+                                   const std::vector<int> &newPositions, const std::vector<int> &columns,
+                                   int threshold, std::vector<Step> &steps);
+
 // The steps of an update that moved no row: each changed row stands at
 // `positions[k]` (of changed[k]) before and after. They are the ones plan()
 // answers for such an update, found without a pass over the rows.
@@ -146,6 +155,11 @@ DATABASE_EXPORT void planInPlace(const std::vector<ChangedRow> &changed, const s
 // exactly `rows`: what an update's signals left against what it read from
 // the index. Builds with DATABASE_CHECKS run it after every update.
 DATABASE_EXPORT void verifyShown(const TableModelRows &view, const tablemodelplan::Rows &rows);
+
+// Stops the program, naming the first difference, unless the rows a model
+// made by following an index's edit are the index's rows. Builds with
+// DATABASE_CHECKS run it after every edit followed.
+DATABASE_EXPORT void verifyFollowed(const tablemodelplan::Rows &followed, const tablemodelplan::Rows &read);
 
 } // namespace tablemodelplan
 

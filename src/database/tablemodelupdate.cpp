@@ -23,6 +23,8 @@
 #include <QtCore/QTimerEvent>
 
 #include <algorithm>
+#include <cstring>
+#include <unordered_map>
 
 const QEvent::Type TableModelPrivate::UpdateEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
 
@@ -247,10 +249,13 @@ void TableModelPrivate::post()
 bool TableModelPrivate::readSource(tablemodelplan::Rows &out) const
 {
     out.clear();
+    seenValid = false;
     if (!table)
         return false;
     const IndexList *from = useMaster ? static_cast<const IndexList *>(table->masterIndex()) : list;
     if (from) {
+        seenChanges = from->list().changes();
+        seenValid = true;
         // Sized without zeroing, then written in place: a million handles
         // cost one pass, not a pass and a check per handle.
         // Cut among threads over a large index.
@@ -295,6 +300,8 @@ void TableModelPrivate::update(bool forceLayout)
     int tableColumns = 0;
     std::vector<tablemodelplan::Step> inPlace;
     bool movedNone = false;
+    std::vector<int> was;
+    std::vector<int> is;
 #ifdef DATABASE_CHECKS
     tablemodelplan::Rows shown; // what an update in place must leave
 #endif
@@ -326,12 +333,18 @@ void TableModelPrivate::update(bool forceLayout)
         reset = resetDue;
         resetDue = false;
         movedNone = !reset && !forceLayout && !grown && planInPlace(taken, inPlace);
-        if (!movedNone)
-            readSource(incoming);
+        if (movedNone) {
+            // What is shown is what the index holds.
+            if (const IndexList *from = useMaster ? table->masterIndex() : list)
+                seenChanges = from->list().changes();
 #ifdef DATABASE_CHECKS
-        else
             readSource(shown);
 #endif
+        } else if (reset || forceLayout || grown || !followEdit(taken, was, is)) {
+            was.clear();
+            is.clear();
+            readSource(incoming);
+        }
     }
     pages.clear();
     {
@@ -353,7 +366,7 @@ void TableModelPrivate::update(bool forceLayout)
                     columns.push_back(c);
                 q->endInsertColumns();
             }
-            if (forceLayout || taken.coarse || !updateFine(taken))
+            if (forceLayout || taken.coarse || !updateFine(taken, was, is))
                 updateLayout();
         }
     }
@@ -452,7 +465,111 @@ bool TableModelPrivate::planInPlace(const TableModelPending &taken, std::vector<
     return true;
 }
 
-bool TableModelPrivate::updateFine(TableModelPending &taken)
+bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<int> &was, std::vector<int> &is)
+{
+    const IndexList *from = useMaster ? table->masterIndex() : list;
+    if (!from || !seenValid || stale || taken.coarse || taken.changes.empty())
+        return false;
+    const PartitionList<Record>::Edit *edit = from->list().lastEdit(seenChanges);
+    if (!edit)
+        return false;
+    const std::vector<int> &removed = edit->removed;
+    const std::vector<int> &inserted = edit->inserted;
+    const size_t oldCount = rows.size();
+    if (removed.size() > oldCount || (!removed.empty() && static_cast<size_t>(removed.back()) >= oldCount))
+        return false;
+    const size_t newCount = oldCount - removed.size() + inserted.size();
+    if (newCount != static_cast<size_t>(from->count()))
+        return false;
+
+    // The old rows without the removed ones, the inserted ones between.
+    incoming.resize(newCount);
+    {
+        PartitionList<Record>::Reader reader(from->list());
+        size_t r = 0, d = 0, a = 0;
+        for (size_t j = 0; j < newCount;) {
+            if (a < inserted.size() && static_cast<size_t>(inserted[a]) == j) {
+                incoming[j++] = reader.at(inserted[a++]).rowPtr();
+                continue;
+            }
+            while (d < removed.size() && static_cast<size_t>(removed[d]) == r) {
+                ++r;
+                ++d;
+            }
+            const size_t toInsert = a < inserted.size() ? static_cast<size_t>(inserted[a]) : newCount;
+            const size_t toRemove = d < removed.size() ? static_cast<size_t>(removed[d]) : oldCount;
+            const size_t run = std::min(toInsert - j, toRemove - r);
+            if (run == 0 || toInsert < j)
+                return false;
+            std::memcpy(incoming.data() + j, rows.data() + r, run * sizeof(unsigned char *));
+            j += run;
+            r += run;
+        }
+    }
+
+    // Where the rows that the edit touched were and are; each must be one
+    // that the table reported.
+    struct Places
+    {
+        int was = -1;
+        int is = -1;
+    };
+    std::unordered_map<const unsigned char *, Places> places;
+    places.reserve(2 * (removed.size() + inserted.size() + edit->touched.size()));
+    for (const int d : removed)
+        places[rows[static_cast<size_t>(d)]].was = d;
+    for (const int a : inserted)
+        places[incoming[static_cast<size_t>(a)]].is = a;
+    for (const int t : edit->touched) {
+        if (t < 0 || static_cast<size_t>(t) >= oldCount)
+            return false;
+        // Its place among the rows that stay, then among the new ones.
+        const int kept = t - static_cast<int>(std::lower_bound(removed.begin(), removed.end(), t) - removed.begin());
+        size_t lo = 0, hi = inserted.size();
+        while (lo < hi) {
+            const size_t mid = lo + (hi - lo) / 2;
+            if (inserted[mid] - static_cast<int>(mid) <= kept)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        Places &p = places[rows[static_cast<size_t>(t)]];
+        p.was = t;
+        p.is = kept + static_cast<int>(lo);
+    }
+    std::unordered_map<const unsigned char *, bool> reported;
+    reported.reserve(2 * taken.changes.size());
+    was.clear();
+    is.clear();
+    for (const TableModelPending::Change &c : taken.changes) {
+        reported[c.row] = true;
+        const auto found = places.find(c.row);
+        if (found != places.end()) {
+            was.push_back(found->second.was);
+            is.push_back(found->second.is);
+            continue;
+        }
+        // Left alone by the edit: an updated row the index still accepts
+        // may stand anywhere, unchanged in place; any other is in neither.
+        if (c.kind == TableModelPending::Updated && from->filter(TableModel::recordOf(table, c.row)))
+            return false;
+        was.push_back(-1);
+        is.push_back(-1);
+    }
+    for (const auto &p : places) {
+        if (!reported.count(p.first))
+            return false;
+    }
+    seenChanges = from->list().changes();
+#ifdef DATABASE_CHECKS
+    tablemodelplan::Rows read;
+    readSource(read);
+    tablemodelplan::verifyFollowed(incoming, read);
+#endif
+    return true;
+}
+
+bool TableModelPrivate::updateFine(TableModelPending &taken, const std::vector<int> &was, const std::vector<int> &is)
 {
     std::vector<tablemodelplan::ChangedRow> changed;
     changed.reserve(taken.changes.size());
@@ -461,7 +578,10 @@ bool TableModelPrivate::updateFine(TableModelPending &taken)
         changed.push_back({c.row, everywhere ? -1 : c.firstColumn, c.lastColumn});
     }
     std::vector<tablemodelplan::Step> steps;
-    if (!tablemodelplan::plan(rows, incoming, changed, columns, threshold, steps))
+    const bool planned = was.empty() ? tablemodelplan::plan(rows, incoming, changed, columns, threshold, steps)
+                                     : tablemodelplan::planFollowing(rows, incoming, changed, was, is, columns,
+                                                                     threshold, steps);
+    if (!planned)
         return false;
 
     using Step = tablemodelplan::Step;
