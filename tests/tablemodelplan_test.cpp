@@ -467,3 +467,58 @@ TEST(TableModelPlan, KnownPlacesPlanAsThePassDoes)
     EXPECT_GT(planned, 500);
     EXPECT_LT(planned, 1900);
 }
+
+// An edit applied in pieces gives the rows that removing and inserting one
+// by one gives, whatever the cut; positions that do not fit are refused.
+TEST(TableModelPlan, AnEditAppliedInPiecesIsTheEditDoneByHand)
+{
+    QRandomGenerator random(20261126);
+    for (int round = 0; round < 500; ++round) {
+        const int n = static_cast<int>(random.bounded(200));
+        Rows rows;
+        for (int i = 0; i < n; ++i)
+            rows.push_back(row(i));
+        std::vector<int> removed;
+        for (int i = 0; i < n; ++i) {
+            if (random.bounded(round % 2 ? 3 : 20) == 0)
+                removed.push_back(i);
+        }
+        Rows expected;
+        for (int i = 0; i < n; ++i) {
+            if (!std::binary_search(removed.begin(), removed.end(), i))
+                expected.push_back(rows[static_cast<size_t>(i)]);
+        }
+        std::vector<int> inserted;
+        std::vector<unsigned char *> insertedRows;
+        for (int k = static_cast<int>(random.bounded(round % 3 == 0 ? 100 : 8)); k > 0; --k) {
+            const int at = static_cast<int>(random.bounded(static_cast<int>(expected.size()) + 1));
+            expected.insert(expected.begin() + at, row(1000 + k));
+        }
+        for (size_t j = 0; j < expected.size(); ++j) {
+            if (expected[j] >= row(1000)) { // a new row
+                inserted.push_back(static_cast<int>(j));
+                insertedRows.push_back(expected[j]);
+            }
+        }
+        for (const int pieces : {1, 2, 3, 7}) {
+            Rows next;
+            ASSERT_TRUE(tablemodelplan::applyEdit(rows, removed, inserted, insertedRows, next, pieces));
+            ASSERT_EQ(next, expected) << "round " << round << ", " << pieces << " pieces";
+        }
+        // Positions that do not fit: refused, nothing read out of bounds.
+        Rows next;
+        if (!removed.empty()) {
+            std::vector<int> bad = removed;
+            bad.push_back(bad.back()); // twice
+            EXPECT_FALSE(tablemodelplan::applyEdit(rows, bad, inserted, insertedRows, next, 3));
+            bad = removed;
+            bad.back() = n; // past the end
+            EXPECT_FALSE(tablemodelplan::applyEdit(rows, bad, inserted, insertedRows, next, 2));
+        }
+        if (inserted.size() > 1) {
+            std::vector<int> bad = inserted;
+            std::swap(bad.front(), bad.back()); // out of order
+            EXPECT_FALSE(tablemodelplan::applyEdit(rows, removed, bad, insertedRows, next, 2));
+        }
+    }
+}

@@ -3,6 +3,8 @@
 #include "parallel_p.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <climits>
 #include <functional>
 #include <cstdint>
@@ -534,6 +536,66 @@ bool plan(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,
         change->oldAnchor = unchanged;
     }
     return finish(rows, next, set, columns, threshold, steps);
+}
+
+bool applyEdit(const tablemodelplan::Rows &rows, const std::vector<int> &removed, const std::vector<int> &inserted,
+               const std::vector<unsigned char *> &insertedRows, tablemodelplan::Rows &next, int pieces)
+{
+    const size_t oldCount = rows.size();
+    if (removed.size() > oldCount || inserted.size() != insertedRows.size()
+        || (!removed.empty() && (removed.front() < 0 || static_cast<size_t>(removed.back()) >= oldCount)))
+        return false;
+    const size_t newCount = oldCount - removed.size() + inserted.size();
+    if (!inserted.empty() && (inserted.front() < 0 || static_cast<size_t>(inserted.back()) >= newCount))
+        return false;
+    auto ascending = [](const std::vector<int> &v) {
+        return std::adjacent_find(v.begin(), v.end(), std::greater_equal<int>()) == v.end();
+    };
+    if (!ascending(removed) || !ascending(inserted))
+        return false;
+    next.resize(newCount);
+    if (pieces <= 0)
+        pieces = parallel::piecesFor(static_cast<long long>(newCount));
+    std::atomic<bool> fits{true};
+    parallel::forPieces(static_cast<long long>(newCount), pieces, [&](long long first, long long last) {
+        const size_t end = static_cast<size_t>(last);
+        size_t j = static_cast<size_t>(first);
+        size_t a = static_cast<size_t>(std::lower_bound(inserted.begin(), inserted.end(), static_cast<int>(j))
+                                       - inserted.begin());
+        // The old rows that stay before j, and the removed ones among them:
+        // those with fewer staying rows before them.
+        const size_t staying = j - a;
+        size_t d = 0;
+        for (size_t hi = removed.size(); d < hi;) {
+            const size_t mid = d + (hi - d) / 2;
+            if (static_cast<size_t>(removed[mid]) - mid <= staying)
+                d = mid + 1;
+            else
+                hi = mid;
+        }
+        size_t r = staying + d;
+        while (j < end) {
+            if (a < inserted.size() && static_cast<size_t>(inserted[a]) == j) {
+                next[j++] = insertedRows[a++];
+                continue;
+            }
+            while (d < removed.size() && static_cast<size_t>(removed[d]) == r) {
+                ++r;
+                ++d;
+            }
+            const size_t toInsert = a < inserted.size() ? static_cast<size_t>(inserted[a]) : newCount;
+            const size_t toRemove = d < removed.size() ? static_cast<size_t>(removed[d]) : oldCount;
+            if (toInsert < j || toRemove < r || r >= oldCount) {
+                fits = false;
+                return;
+            }
+            const size_t run = std::min({toInsert - j, toRemove - r, end - j});
+            std::memcpy(next.data() + j, rows.data() + r, run * sizeof(unsigned char *));
+            j += run;
+            r += run;
+        }
+    });
+    return fits;
 }
 
 bool planFollowing(const tablemodelplan::Rows &rows, const tablemodelplan::Rows &next,

@@ -136,6 +136,15 @@ DATABASE_EXPORT bool plan(const tablemodelplan::Rows &rows, const tablemodelplan
                           const std::vector<ChangedRow> &changed, const std::vector<int> &columns, int threshold,
                           std::vector<Step> &steps, int pieces = 0);
 
+// `next` made of `rows` without the rows at the positions `removed` and
+// with insertedRows[k] at position inserted[k] of the result (both
+// ascending): a copy of runs, cut among threads in `pieces` by position in
+// `next` (0: by its size). False, leaving `next` undefined, when the
+// positions do not fit the lists.
+DATABASE_EXPORT bool applyEdit(const tablemodelplan::Rows &rows, const std::vector<int> &removed,
+                               const std::vector<int> &inserted, const std::vector<unsigned char *> &insertedRows,
+                               tablemodelplan::Rows &next, int pieces = 0);
+
 // The same steps as plan() when the places of the changed rows are known
 // (changed[k] stands at oldPositions[k] in `rows` and newPositions[k] in
 // `next`, -1 where it is not), found without a pass over the lists. The

@@ -482,30 +482,15 @@ bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<i
     if (newCount != static_cast<size_t>(from->count()))
         return false;
 
-    // The old rows without the removed ones, the inserted ones between.
-    incoming.resize(newCount);
+    std::vector<unsigned char *> insertedRows;
+    insertedRows.reserve(inserted.size());
     {
         PartitionList<Record>::Reader reader(from->list());
-        size_t r = 0, d = 0, a = 0;
-        for (size_t j = 0; j < newCount;) {
-            if (a < inserted.size() && static_cast<size_t>(inserted[a]) == j) {
-                incoming[j++] = reader.at(inserted[a++]).rowPtr();
-                continue;
-            }
-            while (d < removed.size() && static_cast<size_t>(removed[d]) == r) {
-                ++r;
-                ++d;
-            }
-            const size_t toInsert = a < inserted.size() ? static_cast<size_t>(inserted[a]) : newCount;
-            const size_t toRemove = d < removed.size() ? static_cast<size_t>(removed[d]) : oldCount;
-            const size_t run = std::min(toInsert - j, toRemove - r);
-            if (run == 0 || toInsert < j)
-                return false;
-            std::memcpy(incoming.data() + j, rows.data() + r, run * sizeof(unsigned char *));
-            j += run;
-            r += run;
-        }
+        for (const int a : inserted)
+            insertedRows.push_back(reader.at(a).rowPtr());
     }
+    if (!tablemodelplan::applyEdit(rows, removed, inserted, insertedRows, incoming))
+        return false;
 
     // Where the rows that the edit touched were and are; each must be one
     // that the table reported.
