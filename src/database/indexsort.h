@@ -22,8 +22,10 @@
 // about k binary searches (run together, so that their cache misses
 // overlap) plus one sweep over the partitions. Positions of records whose
 // key changed in the row before the batch are found in one pass over the
-// handles; removals and moved records are deleted in one sweep, and the
-// additions are sorted and inserted in blocks at their places.
+// handles; the additions are sorted and their places searched in the list as
+// it will stand without the removed and moved records, and then both are made
+// in one pass over the partitions, shared with the global pool. The list
+// keeps that edit (PartitionList::lastEdit) for a model to follow.
 //
 // Sorting is stable and has one result, whatever the algorithm. resort()
 // of fewer than 512 records is an in-place merge sort in the calling
