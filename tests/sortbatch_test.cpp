@@ -144,8 +144,39 @@ void checkBatch(std::mt19937 &random, int n, int keys)
         (random() % 3 ? inserted : updated).append({&rows.back()});
     }
 
+    const quint64 since = list.changes();
     sortbatch::apply(ByKey(), list, removed, updated, inserted);
     const std::vector<Item> after = itemsOf(list);
+
+    // The edit the list keeps takes `before` to `after`; what it says
+    // stayed in place is an updated row, in both.
+    if (const List::Edit *edit = list.lastEdit(since)) {
+        std::vector<Item> followed;
+        size_t r = 0, a = 0;
+        for (size_t i = 0; i <= before.size(); ++i) {
+            while (a < edit->inserted.size() && edit->inserted[a] == static_cast<int>(followed.size()))
+                followed.push_back(after[static_cast<size_t>(edit->inserted[a++])]);
+            if (i == before.size())
+                break;
+            if (r < edit->removed.size() && edit->removed[r] == static_cast<int>(i))
+                ++r;
+            else
+                followed.push_back(before[i]);
+        }
+        ASSERT_EQ(followed, after);
+        std::set<const Row *> updatedRows;
+        for (const Item &item : updated)
+            updatedRows.insert(item.row);
+        std::unordered_map<const Row *, int> inAfter;
+        for (const Item &item : after)
+            ++inAfter[item.row];
+        for (const int t : edit->touched) {
+            ASSERT_TRUE(updatedRows.count(before[static_cast<size_t>(t)].row));
+            ASSERT_EQ(inAfter[before[static_cast<size_t>(t)].row], 1);
+        }
+    } else {
+        ASSERT_GT(removed.size() + updated.size() + inserted.size(), static_cast<size_t>(List::MaxEdit / 2));
+    }
 
     // The survivors and the newcomers, each once.
     std::set<const Row *> gone;
@@ -223,6 +254,18 @@ TEST(SortBatch, RandomBatchesGiveTheirOutcome)
         const int keys = 1 + static_cast<int>(random() % (round % 3 == 0 ? 4 : 1000));
         SCOPED_TRACE(testing::Message() << "round " << round << " n " << n << " keys " << keys);
         checkBatch(random, n, keys);
+        if (HasFatalFailure())
+            return;
+    }
+}
+
+// A batch over a list long enough to be cut among threads: its partitions'
+// rewrites shared with the pool, its additions' searches too.
+TEST(SortBatch, ALargeBatchIsSharedWithThePool)
+{
+    std::mt19937 random(20261125);
+    for (const int keys : {1000, 1 << 30}) {
+        checkBatch(random, 300000, keys);
         if (HasFatalFailure())
             return;
     }
