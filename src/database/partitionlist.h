@@ -585,17 +585,20 @@ private:
             }
         }
         run(static_cast<int>(jobs.size()), moved, [&](int first, int last) {
+            // Sized as most partitions are, so that it can trade places
+            // with the storage of the partition just written.
+            const int scratchCapacity = std::max(scratchSize, m_partitionSize + 2);
             T *scratch = nullptr;
             for (int job = first; job < last; ++job) {
                 const int k = jobs[static_cast<size_t>(job)];
                 const Work &w = work[static_cast<size_t>(k)];
                 if (!w.splits && w.blockCount > 0 && !scratch) {
                     scratch = static_cast<T *>(
-                        qMallocAligned(static_cast<size_t>(scratchSize) * sizeof(T), alignof(T)));
+                        qMallocAligned(static_cast<size_t>(scratchCapacity) * sizeof(T), alignof(T)));
                     Q_CHECK_PTR(scratch);
                 }
                 rewrite(k, ranges, w.firstRange, w.splits ? nullptr : placed.data() + std::max(w.firstBlock, 0),
-                        w.splits ? 0 : w.blockCount, scratch);
+                        w.splits ? 0 : w.blockCount, scratch, scratchCapacity);
             }
             qFreeAligned(scratch);
         });
@@ -979,10 +982,12 @@ private:
 
     // One partition's share of replace(): the ranges from ranges[firstRange]
     // on that fall in partition k go, then its blocks come in, merged with
-    // what stays into `scratch` (room for the result) and copied back.
+    // what stays into `scratch` (room for the result, scratchCapacity
+    // elements), which then trades places with the partition's storage when
+    // their capacities agree, else is copied back.
     template <typename Placed>
     void rewrite(int k, const QVector<QPair<int, int>> &ranges, int firstRange, const Placed *blocks, int blockCount,
-                 T *scratch)
+                 T *&scratch, int scratchCapacity)
     {
         Partition *p = m_partitions[k];
         const int start = m_offsets[k];
@@ -1054,6 +1059,14 @@ private:
         }
         stay(p->count - removed - stayed);
         const int count = static_cast<int>(out - scratch);
+        if (count <= p->capacity && p->capacity == scratchCapacity) {
+            // The written copy becomes the partition; its old storage, the
+            // scratch of the next one.
+            std::swap(p->first, scratch);
+            p->count = count;
+            p->last = p->first + count;
+            return;
+        }
         if (count > p->capacity) {
             // As insertBlocks grows a partition: to the count, no more.
             T *storage = static_cast<T *>(qMallocAligned(static_cast<size_t>(count) * sizeof(T), alignof(T)));
