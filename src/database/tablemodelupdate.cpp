@@ -24,7 +24,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <unordered_map>
 
 const QEvent::Type TableModelPrivate::UpdateEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
 
@@ -492,19 +491,22 @@ bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<i
     if (!tablemodelplan::applyEdit(rows, removed, inserted, insertedRows, incoming))
         return false;
 
-    // Where the rows that the edit touched were and are; each must be one
-    // that the table reported.
-    struct Places
+    // Where the rows that the edit touched were and are, by row (a row
+    // removed and inserted again has both); each must be one that the table
+    // reported.
+    struct Place
     {
-        int was = -1;
-        int is = -1;
+        const unsigned char *row;
+        int was;
+        int is;
+        bool operator<(const Place &o) const { return std::less<const unsigned char *>()(row, o.row); }
     };
-    std::unordered_map<const unsigned char *, Places> places;
-    places.reserve(2 * (removed.size() + inserted.size() + edit->touched.size()));
+    std::vector<Place> places;
+    places.reserve(removed.size() + inserted.size() + edit->touched.size());
     for (const int d : removed)
-        places[rows[static_cast<size_t>(d)]].was = d;
+        places.push_back({rows[static_cast<size_t>(d)], d, -1});
     for (const int a : inserted)
-        places[incoming[static_cast<size_t>(a)]].is = a;
+        places.push_back({incoming[static_cast<size_t>(a)], -1, a});
     for (const int t : edit->touched) {
         if (t < 0 || static_cast<size_t>(t) >= oldCount)
             return false;
@@ -518,20 +520,29 @@ bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<i
             else
                 hi = mid;
         }
-        Places &p = places[rows[static_cast<size_t>(t)]];
-        p.was = t;
-        p.is = kept + static_cast<int>(lo);
+        places.push_back({rows[static_cast<size_t>(t)], t, kept + static_cast<int>(lo)});
     }
-    std::unordered_map<const unsigned char *, bool> reported;
-    reported.reserve(2 * taken.changes.size());
+    std::sort(places.begin(), places.end());
+    size_t merged = 0;
+    for (size_t i = 0; i < places.size(); ++i) {
+        if (merged > 0 && places[merged - 1].row == places[i].row) {
+            Place &p = places[merged - 1];
+            p.was = std::max(p.was, places[i].was);
+            p.is = std::max(p.is, places[i].is);
+        } else {
+            places[merged++] = places[i];
+        }
+    }
+    places.resize(merged);
+    std::vector<char> reported(places.size(), 0);
     was.clear();
     is.clear();
     for (const TableModelPending::Change &c : taken.changes) {
-        reported[c.row] = true;
-        const auto found = places.find(c.row);
-        if (found != places.end()) {
-            was.push_back(found->second.was);
-            is.push_back(found->second.is);
+        const auto found = std::lower_bound(places.begin(), places.end(), Place{c.row, -1, -1});
+        if (found != places.end() && found->row == c.row) {
+            reported[static_cast<size_t>(found - places.begin())] = 1;
+            was.push_back(found->was);
+            is.push_back(found->is);
             continue;
         }
         // Left alone by the edit: an updated row the index still accepts
@@ -541,10 +552,8 @@ bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<i
         was.push_back(-1);
         is.push_back(-1);
     }
-    for (const auto &p : places) {
-        if (!reported.count(p.first))
-            return false;
-    }
+    if (std::find(reported.begin(), reported.end(), 0) != reported.end())
+        return false;
     seenChanges = from->list().changes();
 #ifdef DATABASE_CHECKS
     tablemodelplan::Rows read;
