@@ -48,9 +48,13 @@ class TableModelPrivate;
 // needs under it, and cells are read under it, so views' and proxies' slots
 // never run under a writer's lock and may lock other tables.
 // Changes arriving while the model is busy or within updateInterval() of
-// the last update are coalesced into the next one. An update reads the
-// whole index once (a pass over the handles, about a millisecond per
-// million rows), whatever the number of changes.
+// the last update are coalesced into the next one. An update after one
+// batch of a sorted index follows the edit the batch made (the positions it
+// removed and inserted): the model copies its own row addresses with the
+// edit applied and plans from the changed rows' places. Any other update
+// reads the whole index once and matches it with what is shown (a pass over
+// the handles, about a millisecond per million rows), whatever the number
+// of changes.
 //
 // Reads. The model keeps its own snapshot of the rows' addresses. The rows
 // stay allocated while the model may show them: rows that leave the table
