@@ -6,12 +6,34 @@
 #include <QtCore/QtGlobal>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <memory>
 #include <new>
 #include <type_traits>
 #include <vector>
+
+// Given `skipped`, the ascending, distinct positions of some elements of a
+// sequence, how many of them come before the i-th element (from 0) that is
+// not among them: that element stands at i plus the answer. Searched in
+// skipped[lo, hi), which must hold every position that may count and not
+// be counted yet (lo of them come before). A list's edit is followed with
+// it: the removed positions of the list before, the inserted ones after.
+inline size_t skippedBefore(const std::vector<int> &skipped, long long i, size_t lo = 0, size_t hi = SIZE_MAX)
+{
+    hi = std::min(hi, skipped.size());
+    // Most answers are lo: an element seldom has a skipped one just before.
+    while (lo < hi && skipped[lo] - static_cast<long long>(lo) <= i) {
+        const size_t mid = lo + (hi - lo) / 2;
+        // skipped[mid] has skipped[mid] - mid of the others before it.
+        if (skipped[mid] - static_cast<long long>(mid) <= i)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
 
 // PartitionList: a sequence cut into partitions of bounded size, so that an
 // insertion or removal in the middle of millions of elements moves at most

@@ -88,16 +88,8 @@ public:
     int listPosition(int i) const
     {
         const size_t b = static_cast<size_t>(i / Bucket);
-        size_t lo = m_before[b];
-        size_t hi = b + 1 < m_before.size() ? m_before[b + 1] : m_gone->size();
-        while (lo < hi && kept(lo) <= i) {
-            const size_t mid = lo + (hi - lo) / 2;
-            if (kept(mid) <= i)
-                lo = mid + 1;
-            else
-                hi = mid;
-        }
-        return i + static_cast<int>(lo);
+        const size_t hi = b + 1 < m_before.size() ? m_before[b + 1] : m_gone->size();
+        return i + static_cast<int>(skippedBefore(*m_gone, i, m_before[b], hi));
     }
     class Reader
     {
@@ -570,13 +562,13 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
     if (lastBound != firstBound) {
         std::vector<int> limit(additions.size(), lastBound);
         lockstepSearchShared<T>(order, after, additionCount,
-                       [&additions](int a) -> const T & { return additions[static_cast<size_t>(a)]; },
-                       bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
-                           if (c <= 0)
-                               low = mid + 1;
-                           else
-                               high = mid;
-                       });
+                                [&additions](int a) -> const T & { return additions[static_cast<size_t>(a)]; },
+                                bound.data(), limit.data(), [](int, int mid, int c, int &low, int &high) {
+                                    if (c <= 0)
+                                        low = mid + 1;
+                                    else
+                                        high = mid;
+                                });
     }
     std::vector<int> points;
     std::vector<int> sizes;

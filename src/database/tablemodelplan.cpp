@@ -1,6 +1,7 @@
 #include "tablemodelplan_p.h"
 
 #include "parallel_p.h"
+#include "partitionlist.h"
 
 #include <algorithm>
 #include <atomic>
@@ -562,17 +563,9 @@ bool applyEdit(const tablemodelplan::Rows &rows, const std::vector<int> &removed
         size_t j = static_cast<size_t>(first);
         size_t a = static_cast<size_t>(std::lower_bound(inserted.begin(), inserted.end(), static_cast<int>(j))
                                        - inserted.begin());
-        // The old rows that stay before j, and the removed ones among them:
-        // those with fewer staying rows before them.
+        // Position j holds the (j - a)-th old row that stays.
         const size_t staying = j - a;
-        size_t d = 0;
-        for (size_t hi = removed.size(); d < hi;) {
-            const size_t mid = d + (hi - d) / 2;
-            if (static_cast<size_t>(removed[mid]) - mid <= staying)
-                d = mid + 1;
-            else
-                hi = mid;
-        }
+        size_t d = skippedBefore(removed, static_cast<long long>(staying));
         size_t r = staying + d;
         while (j < end) {
             if (a < inserted.size() && static_cast<size_t>(inserted[a]) == j) {

@@ -474,11 +474,10 @@ bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<i
         return false;
     const std::vector<int> &removed = edit->removed;
     const std::vector<int> &inserted = edit->inserted;
+    // applyEdit() checks the positions against the rows; the counts must
+    // agree before the inserted rows are read from the list.
     const size_t oldCount = rows.size();
-    if (removed.size() > oldCount || (!removed.empty() && static_cast<size_t>(removed.back()) >= oldCount))
-        return false;
-    const size_t newCount = oldCount - removed.size() + inserted.size();
-    if (newCount != static_cast<size_t>(from->count()))
+    if (removed.size() > oldCount || oldCount - removed.size() + inserted.size() != static_cast<size_t>(from->count()))
         return false;
 
     std::vector<unsigned char *> insertedRows;
@@ -512,15 +511,7 @@ bool TableModelPrivate::followEdit(const TableModelPending &taken, std::vector<i
             return false;
         // Its place among the rows that stay, then among the new ones.
         const int kept = t - static_cast<int>(std::lower_bound(removed.begin(), removed.end(), t) - removed.begin());
-        size_t lo = 0, hi = inserted.size();
-        while (lo < hi) {
-            const size_t mid = lo + (hi - lo) / 2;
-            if (inserted[mid] - static_cast<int>(mid) <= kept)
-                lo = mid + 1;
-            else
-                hi = mid;
-        }
-        places.push_back({rows[static_cast<size_t>(t)], t, kept + static_cast<int>(lo)});
+        places.push_back({rows[static_cast<size_t>(t)], t, kept + static_cast<int>(skippedBefore(inserted, kept))});
     }
     std::sort(places.begin(), places.end());
     size_t merged = 0;
