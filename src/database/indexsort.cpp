@@ -16,6 +16,12 @@ struct IndexOrder
     const IndexSort *index;
     int compare(const Record &a, const Record &b) const { return index->compare(a, b); }
     bool accepts(const Record &record) const { return index->filter(record); }
+    // The row's last byte: its null bits.
+    size_t rowReach() const
+    {
+        const Table *table = index->table();
+        return table && table->rowSize() > 0 ? static_cast<size_t>(table->rowSize() - 1) : 0;
+    }
     void sort(std::vector<Record> &records) const
     {
         // Large batches sort on the worker pool too, as resort() does.
@@ -71,10 +77,11 @@ int IndexSort::searchEqual(const Record &key, int after, bool last) const
         return -1;
     int found = -1;
     PartitionList<Record>::Reader reader(m_list);
+    const size_t reach = IndexOrder{this}.rowReach();
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
         const Record &element = reader.at(mid);
-        prefetchNextProbes(reader, lo, mid, hi);
+        prefetchNextProbes(reader, lo, mid, hi, reach);
         const int c = compare(element, key);
         if (c == 0)
             found = mid;

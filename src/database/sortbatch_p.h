@@ -28,8 +28,39 @@
 // and of an order
 //     int compare(const T &a, const T &b) const   <0, 0, >0;
 //     bool accepts(const T &element) const        the index's filter;
-//     void sort(std::vector<T> &elements) const   a stable sort by compare.
+//     void sort(std::vector<T> &elements) const   a stable sort by compare,
+// and may tell
+//     size_t rowReach() const   how far past its address compare() may read
+//                               a row (its last byte), 0 when unknown.
 namespace sortbatch {
+
+template <typename Order>
+auto rowReachOf(const Order &order, int) -> decltype(order.rowReach())
+{
+    return order.rowReach();
+}
+template <typename Order>
+size_t rowReachOf(const Order &, long)
+{
+    return 0;
+}
+// How far a comparison reads into a row, as the order tells.
+template <typename Order>
+size_t rowReachOf(const Order &order)
+{
+    return rowReachOf(order, 0);
+}
+
+// Starts a row that a comparison will read on its way. A row seldom starts
+// on a cache line: one of a few dozen bytes spans two, and the comparison
+// reads both (a value near the start, the null bits at the end), so both
+// ends are fetched.
+inline void prefetchRow(const unsigned char *row, size_t reach)
+{
+    __builtin_prefetch(row);
+    if (reach > 0)
+        __builtin_prefetch(row + reach);
+}
 
 // Where each of a set of rows stands in an index: a vector sorted by row
 // address.
@@ -145,11 +176,11 @@ struct PoolRunner
 // Starts the rows of both probes that may follow the probe at mid of
 // [lo, hi) on their way, so that a search waits for one row per step less.
 template <typename Reader>
-inline void prefetchNextProbes(Reader &reader, int lo, int mid, int hi)
+inline void prefetchNextProbes(Reader &reader, int lo, int mid, int hi, size_t reach)
 {
     if (hi - lo > 2) {
-        __builtin_prefetch(reader.at(lo + (mid - lo) / 2).rowPtr());
-        __builtin_prefetch(reader.at(mid + 1 + (hi - mid - 1) / 2).rowPtr());
+        prefetchRow(reader.at(lo + (mid - lo) / 2).rowPtr(), reach);
+        prefetchRow(reader.at(mid + 1 + (hi - mid - 1) / 2).rowPtr(), reach);
     }
 }
 
@@ -159,10 +190,11 @@ template <typename Source, typename T, typename Order>
 int boundIn(const Order &order, const Source &list, const T &element, int lo, int hi, bool upper)
 {
     auto reader = readerOf(list);
+    const size_t reach = rowReachOf(order);
     while (lo < hi) {
         const int mid = lo + (hi - lo) / 2;
         const T &probe = reader.at(mid);
-        prefetchNextProbes(reader, lo, mid, hi);
+        prefetchNextProbes(reader, lo, mid, hi, reach);
         const int c = order.compare(probe, element);
         if (upper ? c <= 0 : c < 0)
             lo = mid + 1;
@@ -190,6 +222,7 @@ template <typename T, typename Source, typename Order, typename KeyAt, typename 
 void lockstepSearch(const Order &order, const Source &list, int count, KeyAt keyAt, int *lo, int *hi, Probe probe)
 {
     constexpr int Group = 32;
+    const size_t reach = rowReachOf(order);
     for (int first = 0; first < count; first += Group) {
         const int size = std::min(Group, count - first);
         const T *element[Group];
@@ -206,7 +239,7 @@ void lockstepSearch(const Order &order, const Source &list, int count, KeyAt key
             }
             for (int g = first; g < first + size; ++g) {
                 if (lo[g] < hi[g])
-                    __builtin_prefetch(element[g - first]->rowPtr());
+                    prefetchRow(element[g - first]->rowPtr(), reach);
             }
             active = false;
             for (int g = first; g < first + size; ++g) {
@@ -409,15 +442,16 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
     // The neighbours' rows are fetched a group ahead of their comparisons.
     // Inlined: g++ drops calls to a function that only reads and prefetches.
     constexpr int Ahead = 32;
+    const size_t reach = rowReachOf(order);
     auto prefetchNeighbours = [&](int from) __attribute__((always_inline)) {
         const int to = std::min(from + Ahead, updated.size());
         for (int u = from; u < to; ++u) {
             const int p = updatedPositions[u];
-            __builtin_prefetch(updated[u].rowPtr());
+            prefetchRow(updated[u].rowPtr(), reach);
             if (p > 0)
-                __builtin_prefetch(list.at(p - 1).rowPtr());
+                prefetchRow(list.at(p - 1).rowPtr(), reach);
             if (p != -1 && p + 1 < n)
-                __builtin_prefetch(list.at(p + 1).rowPtr());
+                prefetchRow(list.at(p + 1).rowPtr(), reach);
         }
     };
     prefetchNeighbours(0);
