@@ -50,7 +50,9 @@ public:
     // Whether `key` is held by `row`.
     bool holds(quint64 key, const unsigned char *row) const { return row && find(key) == row; }
     // Starts the slot of `key` on its way, for a lookup soon after.
-    void prefetch(quint64 key) const
+    // Always inlined: g++ takes a function that only prefetches for one
+    // without effects and drops the calls to it.
+    Q_ALWAYS_INLINE void prefetch(quint64 key) const
     {
         if (m_slots)
             __builtin_prefetch(m_slots + home(key));
