@@ -440,10 +440,23 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
     std::vector<int> updatedPositions(static_cast<size_t>(updated.size()), -1);
     for (int u = 0; u < updated.size(); ++u)
         updatedPositions[u] = positionOf(positions, updated[u]);
-    // The neighbours' rows are fetched a group ahead of their comparisons.
-    // Inlined: g++ drops calls to a function that only reads and prefetches.
+    // Fetched in two steps: the handles (the neighbours' and the record's
+    // own) a group before their rows, the rows a group before their
+    // comparisons. Inlined: g++ drops calls to a function that only reads
+    // and prefetches.
     constexpr int Ahead = 32;
     const size_t reach = rowReachOf(order);
+    auto prefetchHandles = [&](int from) __attribute__((always_inline)) {
+        const int to = std::min(from + Ahead, updated.size());
+        for (int u = from; u < to; ++u) {
+            const int p = updatedPositions[u];
+            __builtin_prefetch(&updated[u]);
+            if (p > 0)
+                __builtin_prefetch(&list.at(p - 1));
+            if (p != -1 && p + 1 < n)
+                __builtin_prefetch(&list.at(p + 1));
+        }
+    };
     auto prefetchNeighbours = [&](int from) __attribute__((always_inline)) {
         const int to = std::min(from + Ahead, updated.size());
         for (int u = from; u < to; ++u) {
@@ -455,10 +468,14 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
                 prefetchRow(list.at(p + 1).rowPtr(), reach);
         }
     };
+    prefetchHandles(0);
+    prefetchHandles(Ahead);
     prefetchNeighbours(0);
     for (int u = 0; u < updated.size(); ++u) {
-        if (u % Ahead == 0)
+        if (u % Ahead == 0) {
+            prefetchHandles(u + 2 * Ahead);
             prefetchNeighbours(u + Ahead);
+        }
         const T &record = updated[u];
         const int p = updatedPositions[u];
         const bool accepted = order.accepts(record);
