@@ -440,6 +440,9 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
     std::vector<int> updatedPositions(static_cast<size_t>(updated.size()), -1);
     for (int u = 0; u < updated.size(); ++u)
         updatedPositions[u] = positionOf(positions, updated[u]);
+    // Each record's neighbours, found once (a position's partition is a
+    // search of its own) for the fetches and the comparisons; null at an end.
+    std::vector<std::pair<const T *, const T *>> neighbours(static_cast<size_t>(updated.size()));
     // Fetched in two steps: the handles (the neighbours' and the record's
     // own) a group before their rows, the rows a group before their
     // comparisons. Inlined: g++ drops calls to a function that only reads
@@ -450,22 +453,25 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
         const int to = std::min(from + Ahead, updated.size());
         for (int u = from; u < to; ++u) {
             const int p = updatedPositions[u];
+            auto &[before, after] = neighbours[static_cast<size_t>(u)];
+            before = p > 0 ? &list.at(p - 1) : nullptr;
+            after = p != -1 && p + 1 < n ? &list.at(p + 1) : nullptr;
             __builtin_prefetch(&updated[u]);
-            if (p > 0)
-                __builtin_prefetch(&list.at(p - 1));
-            if (p != -1 && p + 1 < n)
-                __builtin_prefetch(&list.at(p + 1));
+            if (before)
+                __builtin_prefetch(before);
+            if (after)
+                __builtin_prefetch(after);
         }
     };
     auto prefetchNeighbours = [&](int from) __attribute__((always_inline)) {
         const int to = std::min(from + Ahead, updated.size());
         for (int u = from; u < to; ++u) {
-            const int p = updatedPositions[u];
+            const auto &[before, after] = neighbours[static_cast<size_t>(u)];
             prefetchRow(updated[u].rowPtr(), reach);
-            if (p > 0)
-                prefetchRow(list.at(p - 1).rowPtr(), reach);
-            if (p != -1 && p + 1 < n)
-                prefetchRow(list.at(p + 1).rowPtr(), reach);
+            if (before)
+                prefetchRow(before->rowPtr(), reach);
+            if (after)
+                prefetchRow(after->rowPtr(), reach);
         }
     };
     prefetchHandles(0);
@@ -484,8 +490,8 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
         } else if (!accepted) {
             actions[u] = Delete;
             deletedFirst.push_back(p);
-        } else if ((p > 0 && order.compare(record, list.at(p - 1)) < 0)
-                   || (p + 1 < n && order.compare(record, list.at(p + 1)) > 0)) {
+        } else if ((neighbours[u].first && order.compare(record, *neighbours[u].first) < 0)
+                   || (neighbours[u].second && order.compare(record, *neighbours[u].second) > 0)) {
             actions[u] = Move;
             deletedFirst.push_back(p);
         } else {
