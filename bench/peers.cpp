@@ -390,6 +390,7 @@ Result sqliteW6(int n, bool save)
             result.seconds = since(start);
     }
     if (!save) {
+        settleHeap();
         sqlite3 *memory = nullptr;
         sqlite3_open(":memory:", &memory);
         const auto start = Clock::now();
@@ -450,6 +451,7 @@ Result fileW6(int n, bool gzip, bool save)
     }
     if (!save) {
         blocks.clear();
+        settleHeap();
         const auto start = Clock::now();
         if (gzip) {
             gzFile file = gzopen(path.c_str(), "rb");

@@ -190,6 +190,12 @@ Summary summarize(std::vector<Result> results);
 // memory to the system, so that it counts what is live).
 double residentBytes();
 
+// Merges the small blocks freed so far into the heap's free space, keeping
+// it all with the process. Called before a timed part that follows a large
+// free (a million rows): the first allocation of a large block would
+// otherwise do it, inside the timing or before it by chance.
+void settleHeap();
+
 // A scratch folder for W6 files, removed by the caller.
 std::string scratchFolder();
 

@@ -343,6 +343,7 @@ Result w6(int n, bool gzip, bool save)
     const qint64 bytes = QFileInfo(path).size();
     if (!save) {
         store.reset();
+        settleHeap();
         Store loaded;
         const auto start = Clock::now();
         TableIO(&loaded.table).read(folder, false);

@@ -561,6 +561,9 @@ void apply(const Order &order, PartitionList<T> &list, const QList<T> &removed, 
     // Records to add, in arrival order: the inserted ones, then the updated
     // ones that come (back) in.
     std::vector<T> additions;
+    additions.reserve(static_cast<size_t>(inserted.size())
+                      + static_cast<size_t>(std::count_if(actions.begin(), actions.end(),
+                                                          [](Action a) { return a == Add || a == Move; })));
     for (const T &record : inserted) {
         if (order.accepts(record))
             additions.push_back(record);
