@@ -16,12 +16,7 @@ struct IndexOrder
     const IndexSort *index;
     int compare(const Record &a, const Record &b) const { return index->compare(a, b); }
     bool accepts(const Record &record) const { return index->filter(record); }
-    // The row's last byte: its null bits.
-    size_t rowReach() const
-    {
-        const Table *table = index->table();
-        return table && table->rowSize() > 0 ? static_cast<size_t>(table->rowSize() - 1) : 0;
-    }
+    size_t rowReach() const { return recordsort::rowReach(index); }
     void sort(std::vector<Record> &records) const
     {
         // Large batches sort on the worker pool too, as resort() does.

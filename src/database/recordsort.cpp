@@ -144,13 +144,6 @@ void copyOut(const Sequence &sequence, long long position, long long n, Record *
         relocate(to + i, from.get());
 }
 
-// How far a comparison reads into a row: to its null bits, at its end.
-size_t rowReach(const Less &less)
-{
-    const Table *table = less.index ? less.index->table() : nullptr;
-    return table && table->rowSize() > 0 ? static_cast<size_t>(table->rowSize() - 1) : 0;
-}
-
 // How many steps ahead a merge fetches the rows it will compare.
 constexpr int Ahead = 16;
 
@@ -166,7 +159,7 @@ void merge(const Sequence &sequence, Run a, Run b, const Less &less)
     // the second.
     if (!less(*Forward(sequence, b.begin).get(), *Backward(sequence, a.end).get()))
         return;
-    const size_t reach = rowReach(less);
+    const size_t reach = rowReach(less.index);
     const long long nbuffer = std::min(na, nb);
     std::unique_ptr<unsigned char[]> storage(new unsigned char[static_cast<size_t>(nbuffer) * sizeof(Record)]);
     Record *buffer = reinterpret_cast<Record *>(storage.get());
@@ -310,12 +303,12 @@ void stableSort(const std::vector<Segment> &segments, const Less &less, bool par
         for (long long at = 0; at < segments[s].count; at += RunLength)
             runs.push_back({start + at, start + std::min<long long>(at + RunLength, segments[s].count)});
     }
+    const size_t reach = rowReach(less.index);
     auto sortRun = [&](const Run &run) {
         const size_t s = sequence.segmentOf(run.begin);
         Record *first = segments[s].first + (run.begin - sequence.start(s));
         // The run's rows fit in the core's cache: fetched together first,
         // their misses overlap, where the sort would meet them one by one.
-        const size_t reach = rowReach(less);
         for (Record *r = first; r != first + (run.end - run.begin); ++r)
             sortbatch::prefetchRow(r->rowPtr(), reach);
         std::stable_sort(first, first + (run.end - run.begin), less);

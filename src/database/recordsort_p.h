@@ -22,6 +22,14 @@ using Segment = PartitionList<Record>::Segment;
 
 using Less = IndexSort::LessThan;
 
+// How far a comparison of `index` reads into a row: to its null bits, at
+// its end. What to prefetch of a row before comparing it.
+inline size_t rowReach(const IndexSort *index)
+{
+    const Table *table = index ? index->table() : nullptr;
+    return table && table->rowSize() > 0 ? static_cast<size_t>(table->rowSize() - 1) : 0;
+}
+
 // Stable sort of the records of `segments` taken as one sequence, in place:
 // equal records keep their order, so the result is the one any stable sort
 // gives. Records move bytewise (their reference counts are untouched) and
