@@ -103,6 +103,36 @@ TEST(SortBatch, LocateFindsEveryRowWhereverItStands)
     }
 }
 
+TEST(SortBatch, ThePassStopsOnlyOnceEveryRowIsFound)
+{
+    // Every row asked is in the list: the pass may stop early, but not
+    // before the last one. Rows near the front, spanning several partitions
+    // of the first piece, then rows at both ends, in pieces on two threads.
+    std::mt19937 random(11);
+    std::deque<Row> rows;
+    List list;
+    fillSorted(list, rows, 300000, 1000, random);
+    const std::vector<Item> all = itemsOf(list);
+    for (const int span : {45000, 300000}) {
+        std::vector<const Item *> asked;
+        for (int b = 0; b < 3000; ++b)
+            asked.push_back(&all[random() % static_cast<unsigned>(span)]);
+        if (span == 300000) {
+            asked.push_back(&all.front());
+            asked.push_back(&all.back());
+        }
+        for (const Item *item : asked)
+            item->row->key = -item->row->key - 1; // moved: found by the pass only
+        const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
+        for (const Item *item : asked) {
+            const int expected = static_cast<int>(item - all.data());
+            ASSERT_EQ(sortbatch::positionOf(positions, *item), expected) << "span " << span;
+        }
+        for (const Item *item : asked)
+            item->row->key = -item->row->key - 1;
+    }
+}
+
 // One random batch over a sorted list, checked against its outcome.
 void checkBatch(std::mt19937 &random, int n, int keys)
 {

@@ -15,6 +15,7 @@
 #include "partitionlist.h"
 
 #include <QtCore/QList>
+#include <QtCore/QScopeGuard>
 
 #include <algorithm>
 #include <atomic>
@@ -365,12 +366,15 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
                 ++left;
             }
         }
-        // A bitmap of the rows' address bits, small enough to stay in the
-        // first-level cache, turns most elements away before the table.
-        constexpr size_t FilterBits = 1 << 16;
-        std::vector<quint64> filter(FilterBits / 64, 0);
-        auto filterBit = [](const unsigned char *row) {
-            return static_cast<size_t>((reinterpret_cast<quintptr>(row) >> 4) & (FilterBits - 1));
+        // A bitmap of the rows' address bits, small enough to stay in a
+        // core's cache and at most one bit in 64 set, turns most elements
+        // away before the table.
+        size_t filterBits = size_t(1) << 16;
+        while (filterBits < (size_t(1) << 20) && filterBits < 64 * missing.size())
+            filterBits *= 2;
+        std::vector<quint64> filter(filterBits / 64, 0);
+        auto filterBit = [filterBits](const unsigned char *row) {
+            return static_cast<size_t>((reinterpret_cast<quintptr>(row) >> 4) & (filterBits - 1));
         };
         for (const RowPosition &m : missing)
             filter[filterBit(m.row) >> 6] |= quint64(1) << (filterBit(m.row) & 63);
@@ -380,6 +384,13 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         parallel::forEachSegment(list, [&](const T *first, int count, int start) {
             if (toFind.load(std::memory_order_relaxed) == 0)
                 return;
+            // Counted here and told once a segment: a count shared by every
+            // find made the cores pass its cache line back and forth.
+            size_t found = 0;
+            const auto tell = qScopeGuard([&] {
+                if (found)
+                    toFind.fetch_sub(found, std::memory_order_relaxed);
+            });
             for (int e = 0; e < count; ++e) {
                 const unsigned char *row = first[e].rowPtr();
                 const size_t bit = filterBit(row);
@@ -388,7 +399,7 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
                 const size_t slot = slotOf(row);
                 if (hashRows[slot] && hashPosition[slot] == -1) {
                     hashPosition[slot] = start + e;
-                    if (toFind.fetch_sub(1, std::memory_order_relaxed) == 1)
+                    if (++found == left)
                         return;
                 }
             }
