@@ -103,6 +103,32 @@ TEST(SortBatch, LocateFindsEveryRowWhereverItStands)
     }
 }
 
+TEST(SortBatch, ManySearchesAreSharedWithThePool)
+{
+    // Enough records to search on several threads and too few for a pass;
+    // then the same with one record moved in the middle, whose miss stops
+    // every thread's searches and leaves the rest to the pass.
+    std::mt19937 random(5);
+    std::deque<Row> rows;
+    List list;
+    fillSorted(list, rows, 300000, 1000, random);
+    const std::vector<Item> all = itemsOf(list);
+    for (const bool moveOne : {false, true}) {
+        std::vector<const Item *> asked;
+        for (int b = 0; b < 700; ++b)
+            asked.push_back(&all[random() % all.size()]);
+        Row *moved = asked[350]->row;
+        const int key = moved->key;
+        if (moveOne)
+            moved->key = 1000 + key;
+        const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
+        moved->key = key;
+        for (const Item *item : asked)
+            ASSERT_EQ(sortbatch::positionOf(positions, *item), static_cast<int>(item - all.data()))
+                << "one moved " << moveOne;
+    }
+}
+
 TEST(SortBatch, ThePassStopsOnlyOnceEveryRowIsFound)
 {
     // Every row asked is in the list: the pass may stop early, but not

@@ -306,37 +306,59 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         // wait for the pass (a batch that changed the order's columns misses
         // with nearly every record).
         const int count = static_cast<int>(records.size());
-        constexpr int Round = 32;
-        int lo[Round];
-        int hi[Round];
-        // The first round is a few records: a batch that changed the
-        // order's columns misses at once, and pays for few searches.
-        constexpr int FirstRound = 4;
-        int first = 0;
-        for (int size = 0; first < count && missing.empty(); first += size) {
-            size = std::min(first == 0 ? FirstRound : Round, count - first);
-            std::fill(lo, lo + size, 0);
-            std::fill(hi, hi + size, n);
-            lockstepSearch<T>(
-                order, list, size,
-                [&records, first](int r) -> const T & { return *records[static_cast<size_t>(first + r)]; }, lo, hi,
-                [](int, int mid, int c, int &low, int &high) {
-                    if (c < 0)
-                        low = mid + 1;
-                    else
-                        high = mid;
-                });
-            for (int r = 0; r < size; ++r) {
-                const unsigned char *row = records[static_cast<size_t>(first + r)]->rowPtr();
-                const int found = scanForRow(list, lo[r], row, RowScan);
-                if (found != -1)
-                    positions.push_back({row, found});
-                else
-                    missing.push_back({row, -1});
+        // Where each record was found: -1 missing from its run, -2 not
+        // searched (a miss stopped the searches first).
+        std::vector<int> found(static_cast<size_t>(count), -2);
+        std::atomic<bool> missed{false};
+        // Searches records [from, to) a round at a time until one misses.
+        auto search = [&](int from, int to, int firstRound) {
+            constexpr int Round = 32;
+            int lo[Round];
+            int hi[Round];
+            for (int first = from, size = 0; first < to && !missed.load(std::memory_order_relaxed);
+                 first += size) {
+                size = std::min(first == from ? firstRound : Round, to - first);
+                std::fill(lo, lo + size, 0);
+                std::fill(hi, hi + size, n);
+                lockstepSearch<T>(
+                    order, list, size,
+                    [&records, first](int r) -> const T & { return *records[static_cast<size_t>(first + r)]; },
+                    lo, hi, [](int, int mid, int c, int &low, int &high) {
+                        if (c < 0)
+                            low = mid + 1;
+                        else
+                            high = mid;
+                    });
+                for (int r = 0; r < size; ++r) {
+                    const size_t k = static_cast<size_t>(first + r);
+                    found[k] = scanForRow(list, lo[r], records[k]->rowPtr(), RowScan);
+                    if (found[k] == -1)
+                        missed.store(true, std::memory_order_relaxed);
+                }
             }
+        };
+        // The first round is a few records: a batch that changed the
+        // order's columns misses at once, and pays for few searches. The
+        // rest, when there are many, are searched on the pool too.
+        constexpr int FirstRound = 4;
+        search(0, std::min(FirstRound, count), FirstRound);
+        if (!missed.load(std::memory_order_relaxed) && count > FirstRound) {
+            constexpr int PerPiece = 256;
+            const int rest = count - FirstRound;
+            const int pieces =
+                std::max(1, std::min(parallel::piecesFor(static_cast<long long>(rest) * 1024), rest / PerPiece));
+            parallel::forPieces(rest, pieces, [&](long long first, long long last) {
+                search(FirstRound + static_cast<int>(first), FirstRound + static_cast<int>(last), 32);
+            });
         }
-        for (int r = first; r < count; ++r)
-            missing.push_back({records[static_cast<size_t>(r)]->rowPtr(), -1});
+        for (int r = 0; r < count; ++r) {
+            const unsigned char *row = records[static_cast<size_t>(r)]->rowPtr();
+            const int at = found[static_cast<size_t>(r)];
+            if (at >= 0)
+                positions.push_back({row, at});
+            else
+                missing.push_back({row, -1});
+        }
     }
 
     if (!missing.empty()) {
