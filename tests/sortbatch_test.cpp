@@ -14,6 +14,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -103,29 +104,46 @@ TEST(SortBatch, LocateFindsEveryRowWhereverItStands)
     }
 }
 
+// A sorted list of 300,000 rows: long enough for its searches and its pass
+// to be cut among threads.
+struct LongList
+{
+    explicit LongList(unsigned seed) : random(seed)
+    {
+        fillSorted(list, rows, 300000, 1000, random);
+        all = itemsOf(list);
+    }
+    // Locates `asked`, each of which is in the list, and checks that each
+    // is found where it stands.
+    void expectLocated(const std::vector<const Item *> &asked, const std::string &trace) const
+    {
+        const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
+        for (const Item *item : asked)
+            ASSERT_EQ(sortbatch::positionOf(positions, *item), static_cast<int>(item - all.data())) << trace;
+    }
+
+    std::mt19937 random;
+    std::deque<Row> rows;
+    List list;
+    std::vector<Item> all;
+};
+
 TEST(SortBatch, ManySearchesAreSharedWithThePool)
 {
     // Enough records to search on several threads and too few for a pass;
     // then the same with one record moved in the middle, whose miss stops
     // every thread's searches and leaves the rest to the pass.
-    std::mt19937 random(5);
-    std::deque<Row> rows;
-    List list;
-    fillSorted(list, rows, 300000, 1000, random);
-    const std::vector<Item> all = itemsOf(list);
+    LongList l(5);
     for (const bool moveOne : {false, true}) {
         std::vector<const Item *> asked;
         for (int b = 0; b < 700; ++b)
-            asked.push_back(&all[random() % all.size()]);
+            asked.push_back(&l.all[l.random() % l.all.size()]);
         Row *moved = asked[350]->row;
         const int key = moved->key;
         if (moveOne)
             moved->key = 1000 + key;
-        const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
+        l.expectLocated(asked, "one moved " + std::to_string(moveOne));
         moved->key = key;
-        for (const Item *item : asked)
-            ASSERT_EQ(sortbatch::positionOf(positions, *item), static_cast<int>(item - all.data()))
-                << "one moved " << moveOne;
     }
 }
 
@@ -134,26 +152,18 @@ TEST(SortBatch, ThePassStopsOnlyOnceEveryRowIsFound)
     // Every row asked is in the list: the pass may stop early, but not
     // before the last one. Rows near the front, spanning several partitions
     // of the first piece, then rows at both ends, in pieces on two threads.
-    std::mt19937 random(11);
-    std::deque<Row> rows;
-    List list;
-    fillSorted(list, rows, 300000, 1000, random);
-    const std::vector<Item> all = itemsOf(list);
+    LongList l(11);
     for (const int span : {45000, 300000}) {
         std::vector<const Item *> asked;
         for (int b = 0; b < 3000; ++b)
-            asked.push_back(&all[random() % static_cast<unsigned>(span)]);
+            asked.push_back(&l.all[l.random() % static_cast<unsigned>(span)]);
         if (span == 300000) {
-            asked.push_back(&all.front());
-            asked.push_back(&all.back());
+            asked.push_back(&l.all.front());
+            asked.push_back(&l.all.back());
         }
         for (const Item *item : asked)
             item->row->key = -item->row->key - 1; // moved: found by the pass only
-        const sortbatch::Positions positions = sortbatch::locate(ByKey(), list, asked);
-        for (const Item *item : asked) {
-            const int expected = static_cast<int>(item - all.data());
-            ASSERT_EQ(sortbatch::positionOf(positions, *item), expected) << "span " << span;
-        }
+        l.expectLocated(asked, "span " + std::to_string(span));
         for (const Item *item : asked)
             item->row->key = -item->row->key - 1;
     }

@@ -255,16 +255,22 @@ void lockstepSearch(const Order &order, const Source &list, int count, KeyAt key
     }
 }
 
+// How many pieces `count` searches are worth cutting into for the pool:
+// about 20 probes, each a row's cache miss, make a search a microsecond or
+// two, so a few hundred pay for waking a thread.
+inline int searchPieces(int count)
+{
+    constexpr int PerPiece = 256;
+    return std::max(1, std::min(parallel::piecesFor(static_cast<long long>(count) * 1024), count / PerPiece));
+}
+
 // lockstepSearch cut among threads when there are enough searches to pay
 // for waking one: the searches are independent, each as it would be alone.
 template <typename T, typename Source, typename Order, typename KeyAt, typename Probe>
 void lockstepSearchShared(const Order &order, const Source &list, int count, KeyAt keyAt, int *lo, int *hi,
                           Probe probe)
 {
-    // About 20 probes, each a row's cache miss, make a search a microsecond
-    // or two.
-    constexpr int PerPiece = 256;
-    const int pieces = std::min(parallel::piecesFor(static_cast<long long>(count) * 1024), count / PerPiece);
+    const int pieces = searchPieces(count);
     if (pieces <= 1) {
         lockstepSearch<T>(order, list, count, keyAt, lo, hi, probe);
         return;
@@ -310,9 +316,9 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         // searched (a miss stopped the searches first).
         std::vector<int> found(static_cast<size_t>(count), -2);
         std::atomic<bool> missed{false};
+        constexpr int Round = 32;
         // Searches records [from, to) a round at a time until one misses.
         auto search = [&](int from, int to, int firstRound) {
-            constexpr int Round = 32;
             int lo[Round];
             int hi[Round];
             for (int first = from, size = 0; first < to && !missed.load(std::memory_order_relaxed);
@@ -343,12 +349,9 @@ Positions locate(const Order &order, const PartitionList<T> &list, const std::ve
         constexpr int FirstRound = 4;
         search(0, std::min(FirstRound, count), FirstRound);
         if (!missed.load(std::memory_order_relaxed) && count > FirstRound) {
-            constexpr int PerPiece = 256;
             const int rest = count - FirstRound;
-            const int pieces =
-                std::max(1, std::min(parallel::piecesFor(static_cast<long long>(rest) * 1024), rest / PerPiece));
-            parallel::forPieces(rest, pieces, [&](long long first, long long last) {
-                search(FirstRound + static_cast<int>(first), FirstRound + static_cast<int>(last), 32);
+            parallel::forPieces(rest, searchPieces(rest), [&](long long first, long long last) {
+                search(FirstRound + static_cast<int>(first), FirstRound + static_cast<int>(last), Round);
             });
         }
         for (int r = 0; r < count; ++r) {
