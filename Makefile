@@ -71,7 +71,7 @@ sanitize: deps
 tsan: deps
 	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATABASE_TSAN=ON \
 	    -DDATABASE_BUILD_BENCHMARKS=OFF -DDATABASE_BUILD_EXAMPLES=OFF -DDATABASE_INSTALL=OFF $(CMAKE_FLAGS)
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test tablemodel_test joinstress_test tablefile_test livequery_test parallel_test tablemodelplan_test sortbatch_test
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target concurrency_test tablemodel_test joinstress_test tablefile_test tableio_test livequery_test parallel_test tablemodelplan_test sortbatch_test
 	cd $(TSAN_DIR) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	    ctest --output-on-failure -L concurrency
 

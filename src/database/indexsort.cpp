@@ -40,6 +40,12 @@ IndexSort::IndexSort(const QString &tableName)
 
 void IndexSort::build()
 {
+    // After a load, its rows come sorted run by run while they were read.
+    if (recordsort::LoadedRuns *runs = recordsort::LoadedRuns::current(); runs && m_table) {
+        TableLocker locker(m_table);
+        if (runs->build(this, m_list))
+            return;
+    }
     appendFromMaster(false);
     resort();
 }

@@ -317,7 +317,11 @@ public:
         return Iterator<Const>(this, m_partitions.constData() + k, m_partitions[k]->first + (i - m_offsets[k]));
     }
 
-    void append(const T &value)
+    void append(const T &value) { emplaceBack(value); }
+    void append(T &&value) { emplaceBack(std::move(value)); }
+
+    template <class Value>
+    void emplaceBack(Value &&value)
     {
         [[maybe_unused]] const CheckedTail checked{this};
         ++m_changes;
@@ -329,11 +333,38 @@ public:
             m_offsets.insert(lastEntry + 1, m_count);
         }
         reserve(p, p->count + 1);
-        new (p->last) T(value);
+        new (p->last) T(std::forward<Value>(value));
         ++p->last;
         ++p->count;
         ++m_count;
         ++m_offsets.last();
+    }
+
+    // Appends n elements relocated bytewise from `from`, in the layout that
+    // n appends give: the caller owns nothing there afterwards and must not
+    // destroy them.
+    void appendRelocated(const T *from, int n)
+    {
+        [[maybe_unused]] const CheckedTail checked{this};
+        ++m_changes;
+        while (n > 0) {
+            const int lastEntry = m_partitions.size() - 2;
+            Partition *p = m_partitions[lastEntry];
+            if (!p || p->count + 1 >= m_partitionSize) {
+                p = newPartition(m_partitionSize + 2);
+                m_partitions.insert(lastEntry + 1, p);
+                m_offsets.insert(lastEntry + 1, m_count);
+            }
+            const int k = std::min(n, m_partitionSize - 1 - p->count);
+            reserve(p, p->count + k);
+            std::memcpy(static_cast<void *>(p->last), from, static_cast<size_t>(k) * sizeof(T));
+            p->last += k;
+            p->count += k;
+            m_count += k;
+            m_offsets.last() += k;
+            from += k;
+            n -= k;
+        }
     }
 
     // Inserts before the element now at i; i == count() appends to the last

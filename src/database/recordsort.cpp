@@ -1,14 +1,21 @@
 #include "recordsort_p.h"
 
+#include "masterindex.h"
 #include "parallel_p.h"
 #include "sortbatch_p.h"
+#include "tsan_p.h"
 
+#include <QtCore/QThread>
 #include <QtCore/QThreadPool>
 #include <QtCore/QVector>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <numeric>
 
 namespace recordsort {
 
@@ -147,6 +154,70 @@ void copyOut(const Sequence &sequence, long long position, long long n, Record *
 // How many steps ahead a merge fetches the rows it will compare.
 constexpr int Ahead = 16;
 
+// A merge that watches nothing.
+struct Unwatched
+{
+    static constexpr bool readsRows = false;
+    void fromFirst(const Record *, long long) {}
+    void fromSecond(const Record &, long long) {}
+};
+
+// Merges the adjacent sorted runs a and b forwards through a buffer of a;
+// returns how many records of b it moved, the rest of b being in place
+// already. `watch` is told of each record before it is taken:
+// fromFirst(buffer, i) for the first run's i-th, fromSecond(record, taken)
+// for the second's. If a comparison throws, the buffered records
+// fill the gap the output left before the exception passes on, so that
+// the sequence holds each record once.
+template <class Watch>
+long long mergeForward(const Sequence &sequence, Run a, Run b, const Less &less, Watch &watch)
+{
+    const long long na = a.end - a.begin;
+    const long long nb = b.end - b.begin;
+    const size_t reach = rowReach(less.index);
+    std::unique_ptr<unsigned char[]> storage(new unsigned char[static_cast<size_t>(na) * sizeof(Record)]);
+    Record *buffer = reinterpret_cast<Record *>(storage.get());
+    copyOut(sequence, a.begin, na, buffer);
+    Forward out(sequence, a.begin);
+    Forward right(sequence, b.begin);
+    long long left = 0;
+    long long taken = 0;
+    try {
+        while (left < na && taken < nb) {
+            // The rows lie anywhere: each step compares one that no cache
+            // holds, so the rows a few steps on are fetched in both runs
+            // (not past a run's end: the next run may be another thread's).
+            if (left + Ahead < na)
+                sortbatch::prefetchRow(buffer[left + Ahead].rowPtr(), reach);
+            if (const Record *next = taken + Ahead < nb ? right.ahead(Ahead) : nullptr)
+                sortbatch::prefetchRow(next->rowPtr(), reach);
+            // Equal keys: the first run's record goes first.
+            if (less(*right.get(), buffer[left])) {
+                watch.fromSecond(*right.get(), taken);
+                relocate(out.get(), right.get());
+                right.next();
+                ++taken;
+            } else {
+                watch.fromFirst(buffer, left);
+                relocate(out.get(), buffer + left);
+                ++left;
+            }
+            out.next();
+        }
+        for (; left < na; ++left, out.next()) {
+            if (Watch::readsRows && left + Ahead < na)
+                sortbatch::prefetchRow(buffer[left + Ahead].rowPtr(), reach);
+            watch.fromFirst(buffer, left);
+            relocate(out.get(), buffer + left);
+        }
+    } catch (...) {
+        for (; left < na; ++left, out.next())
+            relocate(out.get(), buffer + left);
+        throw;
+    }
+    return taken;
+}
+
 // Merges the adjacent sorted runs [a.begin, a.end) and [a.end, b.end),
 // stably, through a buffer of the shorter one.
 void merge(const Sequence &sequence, Run a, Run b, const Less &less)
@@ -160,45 +231,23 @@ void merge(const Sequence &sequence, Run a, Run b, const Less &less)
     if (!less(*Forward(sequence, b.begin).get(), *Backward(sequence, a.end).get()))
         return;
     const size_t reach = rowReach(less.index);
-    const long long nbuffer = std::min(na, nb);
-    std::unique_ptr<unsigned char[]> storage(new unsigned char[static_cast<size_t>(nbuffer) * sizeof(Record)]);
-    Record *buffer = reinterpret_cast<Record *>(storage.get());
     if (na <= nb) {
-        copyOut(sequence, a.begin, na, buffer);
-        Forward out(sequence, a.begin);
-        Forward right(sequence, b.begin);
-        long long left = 0;
-        long long rightLeft = nb;
-        while (left < na && rightLeft > 0) {
-            // The rows lie anywhere: each step compares one that no cache
-            // holds, so the rows a few steps on are fetched in both runs.
-            if (left + Ahead < na)
-                sortbatch::prefetchRow(buffer[left + Ahead].rowPtr(), reach);
-            if (const Record *next = right.ahead(Ahead))
-                sortbatch::prefetchRow(next->rowPtr(), reach);
-            // Equal keys: the first run's record goes first.
-            if (less(*right.get(), buffer[left])) {
-                relocate(out.get(), right.get());
-                right.next();
-                --rightLeft;
-            } else {
-                relocate(out.get(), buffer + left);
-                ++left;
-            }
-            out.next();
-        }
-        for (; left < na; ++left, out.next())
-            relocate(out.get(), buffer + left);
-    } else {
-        copyOut(sequence, b.begin, nb, buffer);
-        Backward out(sequence, b.end);
-        Backward left(sequence, a.end);
-        long long right = nb - 1;
-        long long leftLeft = na;
+        Unwatched unwatched;
+        mergeForward(sequence, a, b, less, unwatched);
+        return;
+    }
+    std::unique_ptr<unsigned char[]> storage(new unsigned char[static_cast<size_t>(nb) * sizeof(Record)]);
+    Record *buffer = reinterpret_cast<Record *>(storage.get());
+    copyOut(sequence, b.begin, nb, buffer);
+    Backward out(sequence, b.end);
+    Backward left(sequence, a.end);
+    long long right = nb - 1;
+    long long leftLeft = na;
+    try {
         while (right >= 0 && leftLeft > 0) {
             if (right >= Ahead)
                 sortbatch::prefetchRow(buffer[right - Ahead].rowPtr(), reach);
-            if (const Record *next = left.ahead(Ahead))
+            if (const Record *next = leftLeft > Ahead ? left.ahead(Ahead) : nullptr)
                 sortbatch::prefetchRow(next->rowPtr(), reach);
             // From the back: the second run's record goes last among equals.
             if (less(buffer[right], *left.get())) {
@@ -211,9 +260,99 @@ void merge(const Sequence &sequence, Run a, Run b, const Less &less)
             }
             out.next();
         }
+    } catch (...) {
         for (; right >= 0; --right, out.next())
             relocate(out.get(), buffer + right);
+        throw;
     }
+    for (; right >= 0; --right, out.next())
+        relocate(out.get(), buffer + right);
+}
+
+// Whether x may come before y in a run: below it, or equal and before it
+// in the order the run's records came (ox, oy).
+inline bool comesBefore(const IndexSort *index, const Record &x, const Record &y, quint16 ox, quint16 oy)
+{
+    const int c = index->compare(x, y);
+    return c < 0 || (c == 0 && ox < oy);
+}
+
+// Whether the run [run.begin, run.end) is in order, `order` telling where
+// each record stood as the run came.
+bool runInOrder(const Sequence &sequence, Run run, const quint16 *order, const IndexSort *index)
+{
+    const size_t reach = rowReach(index);
+    Forward previous(sequence, run.begin);
+    Forward current(sequence, run.begin + 1);
+    bool inOrder = true;
+    for (long long k = 1; k < run.end - run.begin && inOrder; ++k, previous.next(), current.next()) {
+        if (const Record *next = k + Ahead < run.end - run.begin ? current.ahead(Ahead) : nullptr)
+            sortbatch::prefetchRow(next->rowPtr(), reach);
+        inOrder = comesBefore(index, *previous.get(), *current.get(), order[k - 1], order[k]);
+    }
+    return inOrder;
+}
+
+// Watches a merge of two runs for a record out of order in its run.
+struct RunCheck
+{
+    static constexpr bool readsRows = true;
+    RunCheck(const IndexSort *index, const quint16 *orderA, const quint16 *orderB)
+        : index(index), orderA(orderA), orderB(orderB)
+    {
+    }
+    const IndexSort *index;
+    const quint16 *orderA;
+    const quint16 *orderB;
+    bool inOrder = true;
+    // The last record taken from b, whose place the output may have
+    // taken since.
+    alignas(Record) unsigned char lastSecond[sizeof(Record)];
+
+    const Record &previousSecond() const { return *reinterpret_cast<const Record *>(lastSecond); }
+    void fromFirst(const Record *buffer, long long i)
+    {
+        if (inOrder && i > 0)
+            inOrder = comesBefore(index, buffer[i - 1], buffer[i], orderA[i - 1], orderA[i]);
+    }
+    void fromSecond(const Record &record, long long taken)
+    {
+        if (inOrder && taken > 0)
+            inOrder = comesBefore(index, previousSecond(), record, orderB[taken - 1], orderB[taken]);
+        relocate(reinterpret_cast<Record *>(lastSecond), &record);
+    }
+};
+
+// merge() for two runs that were sorted apart from the list, checking on
+// the way that each is still in order (orderA, orderB: where each record
+// stood as its run came): each record is compared with the one before it
+// in its run when the merge takes it, its row just fetched. The merge goes
+// to its end either way, so that the list holds each handle once; false if
+// a run was out of order.
+bool mergeChecked(const Sequence &sequence, Run a, Run b, const quint16 *orderA, const quint16 *orderB,
+                  const IndexSort *index)
+{
+    const Less less{index};
+    if (a.end == a.begin || b.end == b.begin
+        || !less(*Forward(sequence, b.begin).get(), *Backward(sequence, a.end).get()))
+        return runInOrder(sequence, a, orderA, index) && runInOrder(sequence, b, orderB, index);
+
+    RunCheck check(index, orderA, orderB);
+    long long taken = mergeForward(sequence, a, b, less, check);
+
+    // The rest of b stayed where it was: only checked.
+    const size_t reach = rowReach(index);
+    const long long nb = b.end - b.begin;
+    const Record *previous = &check.previousSecond();
+    for (Forward right(sequence, b.begin + taken); taken < nb && check.inOrder; ++taken, right.next()) {
+        if (const Record *next = taken + Ahead < nb ? right.ahead(Ahead) : nullptr)
+            sortbatch::prefetchRow(next->rowPtr(), reach);
+        // (A comparison that gives different answers may have taken none.)
+        if (taken > 0)
+            check.inOrder = comesBefore(index, *previous, *right.get(), orderB[taken - 1], orderB[taken]);
+        previous = right.get();
+    }
+    return check.inOrder;
 }
 
 // Reverses [begin, end) of the sequence in place.
@@ -275,6 +414,32 @@ void mergeInParts(const Sequence &sequence, Run a, Run b, const Less &less, int 
 // enough to spread over the threads, large enough to amortise the tasks.
 constexpr int RunLength = 4096;
 
+// Merges adjacent sorted runs pairwise, round after round, into one.
+void mergeRounds(const Sequence &sequence, std::vector<Run> runs, const Less &less, bool parallel)
+{
+    while (runs.size() > 1) {
+        std::vector<Run> merged;
+        std::vector<std::pair<Run, Run>> pairs;
+        for (size_t r = 0; r + 1 < runs.size(); r += 2) {
+            pairs.push_back({runs[r], runs[r + 1]});
+            merged.push_back({runs[r].begin, runs[r + 1].end});
+        }
+        if (runs.size() % 2)
+            merged.push_back(runs.back());
+        // Fewer merges than threads: each merge is cut into parts.
+        const int threads = parallel ? std::max(1, QThreadPool::globalInstance()->maxThreadCount()) : 1;
+        const int parts = std::max(1, threads / static_cast<int>(pairs.size()));
+        auto mergePair = [&](const std::pair<Run, Run> &p) {
+            mergeInParts(sequence, p.first, p.second, less, parts);
+        };
+        if (parallel && (pairs.size() > 1 || parts > 1))
+            mapInParallel(pairs, mergePair);
+        else
+            std::for_each(pairs.begin(), pairs.end(), mergePair);
+        runs.swap(merged);
+    }
+}
+
 } // namespace
 
 void stableSort(const std::vector<Segment> &segments, const Less &less, bool parallel)
@@ -318,27 +483,272 @@ void stableSort(const std::vector<Segment> &segments, const Less &less, bool par
     else
         std::for_each(runs.begin(), runs.end(), sortRun);
 
-    while (runs.size() > 1) {
-        std::vector<Run> merged;
-        std::vector<std::pair<Run, Run>> pairs;
-        for (size_t r = 0; r + 1 < runs.size(); r += 2) {
-            pairs.push_back({runs[r], runs[r + 1]});
-            merged.push_back({runs[r].begin, runs[r + 1].end});
+    mergeRounds(sequence, std::move(runs), less, parallel);
+}
+
+void mergeRuns(const std::vector<Segment> &segments, long long runLength, const Less &less, bool parallel)
+{
+    const Sequence sequence(segments);
+    std::vector<Run> runs;
+    for (long long at = 0; at < sequence.size(); at += runLength)
+        runs.push_back({at, std::min(at + runLength, sequence.size())});
+    mergeRounds(sequence, std::move(runs), less, parallel);
+}
+
+// ---------------------------------------------------------------------------
+// Runs sorted while a load goes on
+
+namespace {
+
+thread_local LoadedRuns *currentRuns = nullptr;
+
+// The address through which the sanitizer is told of a hand-over to the
+// pool (it cannot see Qt's locks).
+char handOver;
+
+} // namespace
+
+// A run: records in the order they came, and for each index the order
+// that sorts them (positions in the run).
+struct LoadedRuns::Block
+{
+    explicit Block(size_t indexes) : orders(indexes * RunLength), sorted(indexes, false)
+    {
+        records.reserve(RunLength);
+    }
+    std::vector<Record> records;
+    std::vector<quint16> orders;
+    std::vector<bool> sorted;
+};
+
+// What the loader and the pool's threads share. A helper may start after
+// the loader has moved on: it then finds no run left and touches only
+// this, which it keeps alive.
+struct LoadedRuns::Shared
+{
+    std::vector<const IndexSort *> indexes;
+    std::mutex mutex;
+    std::condition_variable idle;
+    std::vector<Block *> queue; // runs waiting for their sort
+    int helpers = 0;            // pool threads started and not yet done
+
+    void sort(Block &block) const
+    {
+        const int n = static_cast<int>(block.records.size());
+        if (indexes.empty() || n == 0)
+            return;
+        // The rows come from anywhere in memory: fetched together first.
+        const size_t reach = rowReach(indexes.front());
+        for (const Record &record : block.records)
+            sortbatch::prefetchRow(record.rowPtr(), reach);
+        for (size_t j = 0; j < indexes.size(); ++j) {
+            quint16 *order = block.orders.data() + j * RunLength;
+            std::iota(order, order + n, 0);
+            const Less less{indexes[j]};
+            const Record *records = block.records.data();
+            // A comparison that throws leaves the run unsorted: the build
+            // sorts as usual then, and meets the exception where it always
+            // did.
+            try {
+                std::stable_sort(order, order + n, [&](quint16 a, quint16 b) { return less(records[a], records[b]); });
+                block.sorted[j] = true;
+            } catch (...) {
+                block.sorted[j] = false;
+            }
         }
-        if (runs.size() % 2)
-            merged.push_back(runs.back());
-        // Fewer merges than threads: each merge is cut into parts.
-        const int threads = parallel ? std::max(1, QThreadPool::globalInstance()->maxThreadCount()) : 1;
-        const int parts = std::max(1, threads / static_cast<int>(pairs.size()));
-        auto mergePair = [&](const std::pair<Run, Run> &p) {
-            mergeInParts(sequence, p.first, p.second, less, parts);
-        };
-        if (parallel && (pairs.size() > 1 || parts > 1))
-            mapInParallel(pairs, mergePair);
-        else
-            std::for_each(pairs.begin(), pairs.end(), mergePair);
-        runs.swap(merged);
+    }
+
+    void drain()
+    {
+        for (;;) {
+            Block *block;
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (queue.empty())
+                    return;
+                block = queue.back();
+                queue.pop_back();
+            }
+            sort(*block);
+        }
+    }
+};
+
+LoadedRuns::LoadedRuns(const std::vector<const IndexSort *> &indexes) : m_shared(std::make_shared<Shared>())
+{
+    m_shared->indexes = indexes;
+}
+
+LoadedRuns::~LoadedRuns()
+{
+    // No run is sorted any more; the helpers finish the ones they hold.
+    std::unique_lock<std::mutex> lock(m_shared->mutex);
+    m_shared->queue.clear();
+    m_shared->idle.wait(lock, [&] { return m_shared->helpers == 0; });
+}
+
+LoadedRuns *LoadedRuns::current()
+{
+    return currentRuns;
+}
+
+LoadedRuns::Scope::Scope(LoadedRuns *runs) : m_previous(currentRuns)
+{
+    currentRuns = runs;
+}
+
+LoadedRuns::Scope::~Scope()
+{
+    currentRuns = m_previous;
+}
+
+void LoadedRuns::take(QList<Record> &batch, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        if (m_blocks.empty() || m_blocks.back()->records.size() == RunLength) {
+            if (!m_blocks.empty())
+                submit(m_blocks.back().get());
+            m_blocks.push_back(std::make_unique<Block>(m_shared->indexes.size()));
+        }
+        m_blocks.back()->records.push_back(std::move(batch[i]));
+    }
+    m_taken += count;
+}
+
+void LoadedRuns::submit(Block *block)
+{
+    // The loader is one thread; the others sort, one helper each.
+    const int most = std::max(1, std::min(QThreadPool::globalInstance()->maxThreadCount(), QThread::idealThreadCount())) - 1;
+    {
+        const std::lock_guard<std::mutex> lock(m_shared->mutex);
+        m_shared->queue.push_back(block);
+        if (m_shared->helpers >= most)
+            return;
+        ++m_shared->helpers;
+    }
+    std::shared_ptr<Shared> shared = m_shared;
+    std::function<void()> helper = [shared] {
+        tsanAcquire(&handOver); // before the closure is read
+        shared->drain();
+        const std::lock_guard<std::mutex> lock(shared->mutex);
+        --shared->helpers;
+        shared->idle.notify_all();
+    };
+    tsanRelease(&handOver);
+    if (!QThreadPool::globalInstance()->tryStart(std::move(helper))) {
+        // No free thread: the runs wait for one that starts later, or for
+        // the loader's build.
+        const std::lock_guard<std::mutex> lock(m_shared->mutex);
+        --m_shared->helpers;
     }
 }
 
+void LoadedRuns::finish()
+{
+    if (m_finished)
+        return;
+    m_finished = true;
+    // The last run, full or not, waits for nothing more.
+    if (!m_blocks.empty()) {
+        const std::lock_guard<std::mutex> lock(m_shared->mutex);
+        m_shared->queue.push_back(m_blocks.back().get());
+    }
+    // What no helper took, the loader sorts itself.
+    m_shared->drain();
+    std::unique_lock<std::mutex> lock(m_shared->mutex);
+    m_shared->idle.wait(lock, [&] { return m_shared->helpers == 0; });
+}
+
+bool LoadedRuns::build(const IndexSort *index, PartitionList<Record> &list)
+{
+    finish();
+    const std::vector<const IndexSort *> &indexes = m_shared->indexes;
+    const auto found = std::find(indexes.begin(), indexes.end(), index);
+    if (found == indexes.end())
+        return false;
+    // The last index to build takes the runs' references instead of
+    // adding its own: the rows are not touched for them.
+    const bool last = ++m_built == indexes.size();
+    const Table *table = index->table();
+    const MasterIndex *master = table ? table->masterIndex() : nullptr;
+    if (!master || master->count() != m_taken || list.count() != 0)
+        return false;
+    const size_t j = static_cast<size_t>(found - indexes.begin());
+
+    // The master's order is the one the rows came in, and the index takes
+    // every row.
+    {
+        size_t b = 0;
+        size_t k = 0;
+        for (const Record &record : *master) {
+            if (record.rowPtr() != m_blocks[b]->records[k].rowPtr() || !index->filter(record))
+                return false;
+            if (++k == m_blocks[b]->records.size()) {
+                ++b;
+                k = 0;
+            }
+        }
+    }
+    for (const std::unique_ptr<Block> &block : m_blocks)
+        if (!block->sorted[j])
+            return false;
+
+    // The runs go into the list in their order, their handles relocated;
+    // the references are taken in the order the rows came, the order they
+    // lie in memory.
+    std::unique_ptr<unsigned char[]> gathered(new unsigned char[RunLength * sizeof(Record)]);
+    Record *out = reinterpret_cast<Record *>(gathered.get());
+    for (const std::unique_ptr<Block> &block : m_blocks) {
+        std::vector<Record> copies;
+        if (!last)
+            copies = block->records;
+        std::vector<Record> &from = last ? block->records : copies;
+        const quint16 *order = block->orders.data() + j * RunLength;
+        const int n = static_cast<int>(from.size());
+        for (int k = 0; k < n; ++k)
+            relocate(out + k, &from[order[k]]);
+        list.appendRelocated(out, n);
+        // Their handles are the list's: null here, nothing to release.
+        std::memset(static_cast<void *>(from.data()), 0, static_cast<size_t>(n) * sizeof(Record));
+    }
+
+    // Each run must still be in order, equal rows as they came: an index
+    // built before this one may have written rows. Checked run by run just
+    // before the first merge, which then finds the rows in the cache.
+    const std::vector<Segment> segments = list.segments();
+    const Sequence sequence(segments);
+    std::vector<Run> runs;
+    for (const std::unique_ptr<Block> &block : m_blocks) {
+        const long long begin = runs.empty() ? 0 : runs.back().end;
+        runs.push_back({begin, begin + static_cast<long long>(block->records.size())});
+    }
+    const Less less{index};
+    std::atomic<bool> inOrder{true};
+    std::vector<size_t> firsts;
+    for (size_t r = 0; r < runs.size(); r += 2)
+        firsts.push_back(r);
+    try {
+        mapInParallel(firsts, [&](size_t r) {
+            const quint16 *order = m_blocks[r]->orders.data() + j * RunLength;
+            const bool ok = r + 1 < runs.size()
+                ? mergeChecked(sequence, runs[r], runs[r + 1], order, m_blocks[r + 1]->orders.data() + j * RunLength,
+                               index)
+                : runInOrder(sequence, runs[r], order, index);
+            if (!ok)
+                inOrder.store(false, std::memory_order_relaxed);
+        });
+    } catch (...) {
+        // The usual sort meets the comparison's exception again.
+        inOrder = false;
+    }
+    if (!inOrder.load()) {
+        list.clear();
+        return false;
+    }
+    std::vector<Run> merged;
+    for (size_t r = 0; r < runs.size(); r += 2)
+        merged.push_back({runs[r].begin, r + 1 < runs.size() ? runs[r + 1].end : runs[r].end});
+    mergeRounds(sequence, std::move(merged), less, true);
+    return true;
+}
 } // namespace recordsort

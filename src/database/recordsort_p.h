@@ -13,6 +13,7 @@
 #include "indexsort.h"
 #include "table.h"
 
+#include <memory>
 #include <vector>
 
 namespace recordsort {
@@ -41,6 +42,66 @@ inline size_t rowReach(const IndexSort *index)
 // round are sorted and merged on Qt Concurrent's global pool (the caller
 // blocks), so `less` must be callable from several threads at once.
 void stableSort(const std::vector<Segment> &segments, const Less &less, bool parallel);
+
+// Merges `segments` taken as one sequence whose runs of `runLength` records
+// from its start (the last one shorter) are each sorted already, in place:
+// the result is the stable sort's.
+void mergeRuns(const std::vector<Segment> &segments, long long runLength, const Less &less, bool parallel);
+
+// A load's rows sorted run by run for the table's sorted indexes while the
+// load goes on, on the pool's free threads, so that each index's build
+// after the load only merges them. A build takes the runs only if they
+// still tell its order: the master holds the loaded rows in the order they
+// came, the index takes every one of them, and each run is still in order
+// (an index built before may have written rows). Otherwise it sorts as
+// usual.
+class LoadedRuns
+{
+public:
+    explicit LoadedRuns(const std::vector<const IndexSort *> &indexes);
+    ~LoadedRuns();
+    LoadedRuns(const LoadedRuns &) = delete;
+    LoadedRuns &operator=(const LoadedRuns &) = delete;
+
+    // Takes the first `count` records of `batch`, just appended to the
+    // table, and leaves them null: their references are the runs' now.
+    void take(QList<Record> &batch, int count);
+
+    // Waits for every run's sort, sorting what no helper took: once the
+    // rows are in, before any index is built.
+    void finish();
+
+    // Fills the empty `list` with the table's records in `index`'s order,
+    // from the runs, if they tell it; false (the list left empty) if not.
+    bool build(const IndexSort *index, PartitionList<Record> &list);
+
+    // The runs of the load whose indexes this thread is building: the ones
+    // a Scope names while it lives.
+    static LoadedRuns *current();
+    class Scope
+    {
+    public:
+        explicit Scope(LoadedRuns *runs);
+        ~Scope();
+        Scope(const Scope &) = delete;
+        Scope &operator=(const Scope &) = delete;
+
+    private:
+        LoadedRuns *m_previous;
+    };
+
+private:
+    struct Block;
+    struct Shared;
+
+    void submit(Block *block);
+
+    std::shared_ptr<Shared> m_shared;
+    std::vector<std::unique_ptr<Block>> m_blocks;
+    long long m_taken = 0;
+    size_t m_built = 0;
+    bool m_finished = false;
+};
 
 // --- The buffer-less stable merge sort ---------------------------------------
 // Works on any random-access iterator over records (a partition list's, a

@@ -4,8 +4,10 @@
 #include "tablerecords_p.h"
 
 #include "index.h"
+#include "indexsort.h"
 #include "masterindex.h"
 #include "qtiocompressor.h"
+#include "recordsort_p.h"
 #include "settings.h"
 #include "table.h"
 
@@ -25,6 +27,8 @@
 namespace {
 
 constexpr int BatchSize = 10240;
+// Loads of this many rows sort their sorted indexes' runs as the rows come.
+constexpr qint32 PresortFrom = 65536;
 // Rows are saved in blocks of about this many bytes.
 constexpr int WriteBlock = 256 * 1024;
 
@@ -246,6 +250,7 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     QList<FieldDefConvertor *> list;
     auto freeConvertors = qScopeGuard([&] { qDeleteAll(list); });
     bool detached = false;
+    std::unique_ptr<recordsort::LoadedRuns> runs;
     TableUpdater updater(m_table);
     // Before the batch closes, also when an exception unwinds: the indexes
     // come back and are rebuilt under the lock, so that a reader on another
@@ -255,7 +260,10 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     auto finish = qScopeGuard([&] {
         if (!detached)
             return;
+        if (runs)
+            runs->finish();
         m_table->setIndexes(indexes);
+        const recordsort::LoadedRuns::Scope scope(runs.get());
         for (Index *index : m_table->indexes())
             index->build();
     });
@@ -291,6 +299,17 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     m_table->setIndexes(QList<Index *>());
     detached = true;
 
+    // Many rows: the sorted indexes' runs are sorted while the rows come.
+    if (rowCount >= PresortFrom) {
+        std::vector<const IndexSort *> sorted;
+        for (Index *index : indexes)
+            if (const IndexSort *s = dynamic_cast<const IndexSort *>(index))
+                if (static_cast<const Index *>(m_table->masterIndex()) != index)
+                    sorted.push_back(s);
+        if (!sorted.empty())
+            runs.reset(new recordsort::LoadedRuns(sorted));
+    }
+
     // Each record comes as the whole stored layout, so that no convertor
     // reads past it (see tablerecords_p.h for damaged streams).
     const qint64 layout = static_cast<qint64>(saved.rowSize()) - Table::base;
@@ -313,6 +332,8 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
             convertDefs(list, row.rowPtr() + Table::base, const_cast<unsigned char *>(from));
         if (filled == BatchSize) {
             m_table->appendList(batch);
+            if (runs)
+                runs->take(batch, filled);
             filled = 0;
         }
         if (filled < batch.size())
@@ -323,8 +344,11 @@ void TableIO::read(QDataStream &stream, bool addMissingColumns, const TableIO::C
     });
     if (filled < batch.size())
         batch.erase(batch.begin() + filled, batch.end());
-    if (!batch.isEmpty())
+    if (!batch.isEmpty()) {
         m_table->appendList(batch);
+        if (runs)
+            runs->take(batch, batch.size());
+    }
 }
 
 // ---------------------------------------------------------------------------
