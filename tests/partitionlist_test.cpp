@@ -80,6 +80,30 @@ TEST(PartitionList, AppendsFillPartitionsToOneBelowTheSize)
     EXPECT_EQ(list.at(9999), 9999);
 }
 
+// Relocated blocks, into an empty list or after appends, across partition
+// ends and exactly onto them: the layout and contents of one append each.
+TEST(PartitionList, RelocatedBlocksLayOutAsAppendsDo)
+{
+    for (const int before : {0, 3, 9}) {
+        PartitionList<int> appended(10);
+        PartitionList<int> relocated(10);
+        appendN(appended, before);
+        appendN(relocated, before);
+        int next = before;
+        for (const int n : {1, 5, 9, 0, 20, 4}) {
+            std::vector<int> block(static_cast<size_t>(n));
+            for (int &value : block)
+                value = next++;
+            relocated.appendRelocated(block.data(), n);
+            appendN(appended, n, next - n);
+            EXPECT_EQ(relocated.partitionCounts(), appended.partitionCounts()) << before << " then " << n;
+            EXPECT_EQ(Probe::brokenRule(relocated), nullptr);
+        }
+        EXPECT_EQ(contents(relocated), contents(appended));
+        EXPECT_EQ(relocated.at(relocated.count() - 1), next - 1);
+    }
+}
+
 TEST(PartitionList, InsertSplitsAFullPartitionInHalves)
 {
     PartitionList<int> list;

@@ -608,6 +608,37 @@ TEST_F(JoinTest, ReloadsAndRebuildsFillOnce)
     EXPECT_EQ(dependLots.lots, lots);
 }
 
+// A load of many orders sorts the lot index's runs while the rows come, by
+// the lots the file holds; the join, built first, fills the lots the
+// instruments have, and the index must end in their order.
+TEST_F(JoinTest, ALargeLoadSortsByTheLotsTheJoinFills)
+{
+    TableJoin join(orders.masterIndex());
+    this->join(join);
+    // The file: orders of the same columns, their lots the other way round.
+    Table file(QStringLiteral("orders"));
+    for (const TableColumnDef *def : orders.fieldDefs())
+        file.addColumn(def->name, def->type, def->length, def->nullable);
+    {
+        TableUpdater updater(&file);
+        for (int i = 0; i < 70000; ++i) {
+            Record record(&file);
+            record.data(OId) = 100000 + i; // as many digits each: the key order
+            record.data(OBoard) = boardOf(i % 3);
+            record.data(OCode) = QStringLiteral("C%1").arg(i % 20);
+            record.data(OQty) = 1;
+            record.data(OLot) = 1000 - i % 40;
+            record.append();
+        }
+    }
+    load(orders, save(file));
+    ASSERT_EQ(orders.rowCount(), 70000);
+    expectJoined("loaded");
+    // Saved with the lots the join gave: the runs hold at the build.
+    load(orders, save(orders));
+    expectJoined("loaded as joined");
+}
+
 // Instruments reloaded from a file with many more columns: the join's
 // lookups follow the wider rows.
 TEST_F(JoinTest, ADependentTableThatGainsColumnsKeepsJoining)

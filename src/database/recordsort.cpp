@@ -82,8 +82,10 @@ public:
         }
     }
     Record *get() const { return m_at; }
-    // The record `d` steps on, if it lies in the same segment.
-    const Record *ahead(int d) const { return m_end - m_at > d ? m_at + d : nullptr; }
+    // The record `d` steps on, if it lies in the same segment and among
+    // the `left` records from here on (the rest of a run: the next run may
+    // be another thread's).
+    const Record *ahead(int d, long long left) const { return d < left && m_end - m_at > d ? m_at + d : nullptr; }
     void next()
     {
         if (++m_at == m_end && ++m_segment < m_sequence->segmentCount()) {
@@ -112,8 +114,9 @@ public:
         m_first = s.first;
     }
     Record *get() const { return m_at; }
-    // The record `d` steps on, if it lies in the same segment.
-    const Record *ahead(int d) const { return m_at - m_first >= d ? m_at - d : nullptr; }
+    // The record `d` steps on, if it lies in the same segment and among
+    // the `left` records from here on.
+    const Record *ahead(int d, long long left) const { return d < left && m_at - m_first >= d ? m_at - d : nullptr; }
     void next()
     {
         if (m_at == m_first) {
@@ -185,11 +188,10 @@ long long mergeForward(const Sequence &sequence, Run a, Run b, const Less &less,
     try {
         while (left < na && taken < nb) {
             // The rows lie anywhere: each step compares one that no cache
-            // holds, so the rows a few steps on are fetched in both runs
-            // (not past a run's end: the next run may be another thread's).
+            // holds, so the rows a few steps on are fetched in both runs.
             if (left + Ahead < na)
                 sortbatch::prefetchRow(buffer[left + Ahead].rowPtr(), reach);
-            if (const Record *next = taken + Ahead < nb ? right.ahead(Ahead) : nullptr)
+            if (const Record *next = right.ahead(Ahead, nb - taken))
                 sortbatch::prefetchRow(next->rowPtr(), reach);
             // Equal keys: the first run's record goes first.
             if (less(*right.get(), buffer[left])) {
@@ -247,7 +249,7 @@ void merge(const Sequence &sequence, Run a, Run b, const Less &less)
         while (right >= 0 && leftLeft > 0) {
             if (right >= Ahead)
                 sortbatch::prefetchRow(buffer[right - Ahead].rowPtr(), reach);
-            if (const Record *next = leftLeft > Ahead ? left.ahead(Ahead) : nullptr)
+            if (const Record *next = left.ahead(Ahead, leftLeft))
                 sortbatch::prefetchRow(next->rowPtr(), reach);
             // From the back: the second run's record goes last among equals.
             if (less(buffer[right], *left.get())) {
@@ -286,7 +288,7 @@ bool runInOrder(const Sequence &sequence, Run run, const quint16 *order, const I
     Forward current(sequence, run.begin + 1);
     bool inOrder = true;
     for (long long k = 1; k < run.end - run.begin && inOrder; ++k, previous.next(), current.next()) {
-        if (const Record *next = k + Ahead < run.end - run.begin ? current.ahead(Ahead) : nullptr)
+        if (const Record *next = current.ahead(Ahead, run.end - run.begin - k))
             sortbatch::prefetchRow(next->rowPtr(), reach);
         inOrder = comesBefore(index, *previous.get(), *current.get(), order[k - 1], order[k]);
     }
@@ -345,7 +347,7 @@ bool mergeChecked(const Sequence &sequence, Run a, Run b, const quint16 *orderA,
     const long long nb = b.end - b.begin;
     const Record *previous = &check.previousSecond();
     for (Forward right(sequence, b.begin + taken); taken < nb && check.inOrder; ++taken, right.next()) {
-        if (const Record *next = taken + Ahead < nb ? right.ahead(Ahead) : nullptr)
+        if (const Record *next = right.ahead(Ahead, nb - taken))
             sortbatch::prefetchRow(next->rowPtr(), reach);
         // (A comparison that gives different answers may have taken none.)
         if (taken > 0)
