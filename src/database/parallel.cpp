@@ -59,14 +59,20 @@ struct Work
     }
 };
 
-// Threads to share a pass among, the caller's included: no more than the
-// cores, however large the pool was made.
-int threads()
+// The cores, as the system told them the first time: each asking reads a
+// file of /sys, and the passes ask several times a batch.
+int cores()
 {
-    return std::max(1, std::min(QThreadPool::globalInstance()->maxThreadCount(), QThread::idealThreadCount()));
+    static const int count = std::max(1, QThread::idealThreadCount());
+    return count;
 }
 
 } // namespace
+
+int threads()
+{
+    return std::max(1, std::min(QThreadPool::globalInstance()->maxThreadCount(), cores()));
+}
 
 void forPieces(long long count, int pieces, const std::function<void(long long, long long)> &body)
 {

@@ -36,6 +36,10 @@ inline long long pieceStart(long long count, int pieces, int piece)
 // piece passes to the caller once the others are done.
 DATABASE_EXPORT void forPieces(long long count, int pieces, const std::function<void(long long, long long)> &body);
 
+// Threads to share work among, the caller's included: the pool's, but no
+// more than the cores however large the pool was made.
+DATABASE_EXPORT int threads();
+
 // How many pieces a pass over `count` elements is worth: one below the size
 // where a thread's wake-up outweighs the work.
 DATABASE_EXPORT int piecesFor(long long count);

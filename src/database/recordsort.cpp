@@ -5,7 +5,6 @@
 #include "sortbatch_p.h"
 #include "tsan_p.h"
 
-#include <QtCore/QThread>
 #include <QtCore/QThreadPool>
 #include <QtCore/QVector>
 
@@ -620,7 +619,7 @@ void LoadedRuns::take(QList<Record> &batch, int count)
 void LoadedRuns::submit(Block *block)
 {
     // The loader is one thread; the others sort, one helper each.
-    const int most = std::max(1, std::min(QThreadPool::globalInstance()->maxThreadCount(), QThread::idealThreadCount())) - 1;
+    const int most = parallel::threads() - 1;
     {
         const std::lock_guard<std::mutex> lock(m_shared->mutex);
         m_shared->queue.push_back(block);
