@@ -528,6 +528,8 @@ struct LoadedRuns::Block
 struct LoadedRuns::Shared
 {
     std::vector<const IndexSort *> indexes;
+    // The indexes whose runs no build could take: not worth sorting.
+    std::unique_ptr<std::atomic<bool>[]> refused;
     std::mutex mutex;
     std::condition_variable idle;
     std::vector<Block *> queue; // runs waiting for their sort
@@ -543,6 +545,8 @@ struct LoadedRuns::Shared
         for (const Record &record : block.records)
             sortbatch::prefetchRow(record.rowPtr(), reach);
         for (size_t j = 0; j < indexes.size(); ++j) {
+            if (refused[j].load(std::memory_order_relaxed))
+                continue;
             quint16 *order = block.orders.data() + j * RunLength;
             std::iota(order, order + n, 0);
             const Less less{indexes[j]};
@@ -578,6 +582,9 @@ struct LoadedRuns::Shared
 LoadedRuns::LoadedRuns(const std::vector<const IndexSort *> &indexes) : m_shared(std::make_shared<Shared>())
 {
     m_shared->indexes = indexes;
+    m_shared->refused.reset(new std::atomic<bool>[indexes.size()]);
+    for (size_t j = 0; j < indexes.size(); ++j)
+        m_shared->refused[j] = false;
 }
 
 LoadedRuns::~LoadedRuns()
@@ -605,6 +612,22 @@ LoadedRuns::Scope::~Scope()
 
 void LoadedRuns::take(QList<Record> &batch, int count)
 {
+    if (count <= 0)
+        return;
+    // Runs that a build is bound to refuse are not sorted: the master does
+    // not end with the rows just appended (it keeps them in another order,
+    // or dropped some), or an index leaves a row out.
+    const std::vector<const IndexSort *> &indexes = m_shared->indexes;
+    const Table *table = indexes.empty() ? nullptr : indexes.front()->table();
+    const MasterIndex *master = table ? table->masterIndex() : nullptr;
+    const bool inOrder = master && master->count() == m_taken + count
+        && master->at(master->count() - 1).rowPtr() == batch.at(count - 1).rowPtr();
+    for (size_t j = 0; j < indexes.size(); ++j) {
+        std::atomic<bool> &refused = m_shared->refused[j];
+        for (int i = 0; i < count && !refused.load(std::memory_order_relaxed); ++i)
+            if (!inOrder || !indexes[j]->filter(batch.at(i)))
+                refused.store(true, std::memory_order_relaxed);
+    }
     for (int i = 0; i < count; ++i) {
         if (m_blocks.empty() || m_blocks.back()->records.size() == RunLength) {
             if (!m_blocks.empty())
@@ -675,6 +698,8 @@ bool LoadedRuns::build(const IndexSort *index, PartitionList<Record> &list)
     if (!master || master->count() != m_taken || list.count() != 0)
         return false;
     const size_t j = static_cast<size_t>(found - indexes.begin());
+    if (m_shared->refused[j].load(std::memory_order_relaxed))
+        return false;
 
     // The master's order is the one the rows came in, and the index takes
     // every row.
