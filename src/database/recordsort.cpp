@@ -624,9 +624,15 @@ void LoadedRuns::take(QList<Record> &batch, int count)
         && master->at(master->count() - 1).rowPtr() == batch.at(count - 1).rowPtr();
     for (size_t j = 0; j < indexes.size(); ++j) {
         std::atomic<bool> &refused = m_shared->refused[j];
-        for (int i = 0; i < count && !refused.load(std::memory_order_relaxed); ++i)
-            if (!inOrder || !indexes[j]->filter(batch.at(i)))
-                refused.store(true, std::memory_order_relaxed);
+        // A filter that throws refuses them too: the build meets it again
+        // where it always did.
+        try {
+            for (int i = 0; i < count && !refused.load(std::memory_order_relaxed); ++i)
+                if (!inOrder || !indexes[j]->filter(batch.at(i)))
+                    refused.store(true, std::memory_order_relaxed);
+        } catch (...) {
+            refused.store(true, std::memory_order_relaxed);
+        }
     }
     for (int i = 0; i < count; ++i) {
         if (m_blocks.empty() || m_blocks.back()->records.size() == RunLength) {
