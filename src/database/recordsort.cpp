@@ -3,10 +3,13 @@
 #include "masterindex.h"
 #include "parallel_p.h"
 #include "sortbatch_p.h"
-#include "tsan_p.h"
 
 #include <QtCore/QThreadPool>
 #include <QtCore/QVector>
+
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +18,8 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <system_error>
+#include <thread>
 
 namespace recordsort {
 
@@ -503,10 +508,6 @@ namespace {
 
 thread_local LoadedRuns *currentRuns = nullptr;
 
-// The address through which the sanitizer is told of a hand-over to the
-// pool (it cannot see Qt's locks).
-char handOver;
-
 } // namespace
 
 // A run: records in the order they came, and for each index the order
@@ -522,18 +523,16 @@ struct LoadedRuns::Block
     std::vector<bool> sorted;
 };
 
-// What the loader and the pool's threads share. A helper may start after
-// the loader has moved on: it then finds no run left and touches only
-// this, which it keeps alive.
+// What the loader and its helpers share.
 struct LoadedRuns::Shared
 {
     std::vector<const IndexSort *> indexes;
     // The indexes whose runs no build could take: not worth sorting.
     std::unique_ptr<std::atomic<bool>[]> refused;
     std::mutex mutex;
-    std::condition_variable idle;
-    std::vector<Block *> queue; // runs waiting for their sort
-    int helpers = 0;            // pool threads started and not yet done
+    std::condition_variable work; // a run came, or the load is over
+    std::vector<Block *> queue;   // runs waiting for their sort
+    bool over = false;            // no run comes any more
 
     void sort(Block &block) const
     {
@@ -577,9 +576,38 @@ struct LoadedRuns::Shared
             sort(*block);
         }
     }
+
+    // A helper sorts the runs as they come, until the load is over.
+    void help()
+    {
+        lowerPriority();
+        for (;;) {
+            Block *block;
+            {
+                std::unique_lock<std::mutex> lock(mutex);
+                work.wait(lock, [&] { return !queue.empty() || over; });
+                if (queue.empty())
+                    return;
+                block = queue.back();
+                queue.pop_back();
+            }
+            sort(*block);
+        }
+    }
+
+    // A helper takes what the reading leaves of the cores: a load that
+    // inflates on a thread of its own has three threads on two cores, and
+    // a helper that took the inflate's turn would hold up every row.
+    static void lowerPriority()
+    {
+#ifdef __linux__
+        // A thread of its own, so its nice value is its own.
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 10);
+#endif
+    }
 };
 
-LoadedRuns::LoadedRuns(const std::vector<const IndexSort *> &indexes) : m_shared(std::make_shared<Shared>())
+LoadedRuns::LoadedRuns(const std::vector<const IndexSort *> &indexes) : m_shared(std::make_unique<Shared>())
 {
     m_shared->indexes = indexes;
     m_shared->refused.reset(new std::atomic<bool>[indexes.size()]);
@@ -590,9 +618,23 @@ LoadedRuns::LoadedRuns(const std::vector<const IndexSort *> &indexes) : m_shared
 LoadedRuns::~LoadedRuns()
 {
     // No run is sorted any more; the helpers finish the ones they hold.
-    std::unique_lock<std::mutex> lock(m_shared->mutex);
-    m_shared->queue.clear();
-    m_shared->idle.wait(lock, [&] { return m_shared->helpers == 0; });
+    {
+        const std::lock_guard<std::mutex> lock(m_shared->mutex);
+        m_shared->queue.clear();
+    }
+    stopHelpers();
+}
+
+void LoadedRuns::stopHelpers()
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_shared->mutex);
+        m_shared->over = true;
+    }
+    m_shared->work.notify_all();
+    for (std::thread &helper : m_helpers)
+        helper.join();
+    m_helpers.clear();
 }
 
 LoadedRuns *LoadedRuns::current()
@@ -647,29 +689,24 @@ void LoadedRuns::take(QList<Record> &batch, int count)
 
 void LoadedRuns::submit(Block *block)
 {
-    // The loader is one thread; the others sort, one helper each.
-    const int most = parallel::threads() - 1;
     {
         const std::lock_guard<std::mutex> lock(m_shared->mutex);
         m_shared->queue.push_back(block);
-        if (m_shared->helpers >= most)
-            return;
-        ++m_shared->helpers;
     }
-    std::shared_ptr<Shared> shared = m_shared;
-    std::function<void()> helper = [shared] {
-        tsanAcquire(&handOver); // before the closure is read
-        shared->drain();
-        const std::lock_guard<std::mutex> lock(shared->mutex);
-        --shared->helpers;
-        shared->idle.notify_all();
-    };
-    tsanRelease(&handOver);
-    if (!QThreadPool::globalInstance()->tryStart(std::move(helper))) {
-        // No free thread: the runs wait for one that starts later, or for
-        // the loader's build.
-        const std::lock_guard<std::mutex> lock(m_shared->mutex);
-        --m_shared->helpers;
+    m_shared->work.notify_one();
+    // The loader is one thread; the others sort, a helper each, started
+    // with the first runs. Threads of their own, not the pool's: a pool
+    // thread would keep the helper's lower priority.
+    const size_t most = static_cast<size_t>(parallel::threads() - 1);
+    if (m_helpers.size() < most && !m_cannotStart) {
+        try {
+            Shared *shared = m_shared.get();
+            while (m_helpers.size() < most)
+                m_helpers.emplace_back([shared] { shared->help(); });
+        } catch (const std::system_error &) {
+            // No thread to be had: the loader sorts the runs at the end.
+            m_cannotStart = true;
+        }
     }
 }
 
@@ -685,8 +722,7 @@ void LoadedRuns::finish()
     }
     // What no helper took, the loader sorts itself.
     m_shared->drain();
-    std::unique_lock<std::mutex> lock(m_shared->mutex);
-    m_shared->idle.wait(lock, [&] { return m_shared->helpers == 0; });
+    stopHelpers();
 }
 
 bool LoadedRuns::build(const IndexSort *index, PartitionList<Record> &list)

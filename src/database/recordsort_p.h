@@ -14,6 +14,7 @@
 #include "table.h"
 
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace recordsort {
@@ -49,12 +50,12 @@ void stableSort(const std::vector<Segment> &segments, const Less &less, bool par
 void mergeRuns(const std::vector<Segment> &segments, long long runLength, const Less &less, bool parallel);
 
 // A load's rows sorted run by run for the table's sorted indexes while the
-// load goes on, on the pool's free threads, so that each index's build
-// after the load only merges them. A build takes the runs only if they
-// still tell its order: the master holds the loaded rows in the order they
-// came, the index takes every one of them, and each run is still in order
-// (an index built before may have written rows). Otherwise it sorts as
-// usual.
+// load goes on, on helper threads that take what the reading leaves of the
+// cores, so that each index's build after the load only merges them. A
+// build takes the runs only if they still tell its order: the master holds
+// the loaded rows in the order they came, the index takes every one of
+// them, and each run is still in order (an index built before may have
+// written rows). Otherwise it sorts as usual.
 class LoadedRuns
 {
 public:
@@ -95,8 +96,11 @@ private:
     struct Shared;
 
     void submit(Block *block);
+    void stopHelpers();
 
-    std::shared_ptr<Shared> m_shared;
+    std::unique_ptr<Shared> m_shared;
+    std::vector<std::thread> m_helpers;
+    bool m_cannotStart = false;
     std::vector<std::unique_ptr<Block>> m_blocks;
     long long m_taken = 0;
     size_t m_built = 0;
