@@ -325,13 +325,7 @@ public:
     {
         [[maybe_unused]] const CheckedTail checked{this};
         ++m_changes;
-        const int lastEntry = m_partitions.size() - 2;
-        Partition *p = m_partitions[lastEntry];
-        if (!p || p->count + 1 >= m_partitionSize) {
-            p = newPartition(m_partitionSize + 2);
-            m_partitions.insert(lastEntry + 1, p);
-            m_offsets.insert(lastEntry + 1, m_count);
-        }
+        Partition *p = tailWithRoom();
         reserve(p, p->count + 1);
         new (p->last) T(std::forward<Value>(value));
         ++p->last;
@@ -348,13 +342,7 @@ public:
         [[maybe_unused]] const CheckedTail checked{this};
         ++m_changes;
         while (n > 0) {
-            const int lastEntry = m_partitions.size() - 2;
-            Partition *p = m_partitions[lastEntry];
-            if (!p || p->count + 1 >= m_partitionSize) {
-                p = newPartition(m_partitionSize + 2);
-                m_partitions.insert(lastEntry + 1, p);
-                m_offsets.insert(lastEntry + 1, m_count);
-            }
+            Partition *p = tailWithRoom();
             const int k = std::min(n, m_partitionSize - 1 - p->count);
             reserve(p, p->count + k);
             std::memcpy(static_cast<void *>(p->last), from, static_cast<size_t>(k) * sizeof(T));
@@ -1162,6 +1150,20 @@ private:
         }
         qFreeAligned(p->first);
         delete p;
+    }
+
+    // The last partition, or a new one after it when it is full (appends
+    // fill a partition to one below the size).
+    Partition *tailWithRoom()
+    {
+        const int lastEntry = m_partitions.size() - 2;
+        Partition *p = m_partitions[lastEntry];
+        if (!p || p->count + 1 >= m_partitionSize) {
+            p = newPartition(m_partitionSize + 2);
+            m_partitions.insert(lastEntry + 1, p);
+            m_offsets.insert(lastEntry + 1, m_count);
+        }
+        return p;
     }
 
     static void reserve(Partition *p, int needed)

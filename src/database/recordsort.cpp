@@ -492,15 +492,6 @@ void stableSort(const std::vector<Segment> &segments, const Less &less, bool par
     mergeRounds(sequence, std::move(runs), less, parallel);
 }
 
-void mergeRuns(const std::vector<Segment> &segments, long long runLength, const Less &less, bool parallel)
-{
-    const Sequence sequence(segments);
-    std::vector<Run> runs;
-    for (long long at = 0; at < sequence.size(); at += runLength)
-        runs.push_back({at, std::min(at + runLength, sequence.size())});
-    mergeRounds(sequence, std::move(runs), less, parallel);
-}
-
 // ---------------------------------------------------------------------------
 // Runs sorted while a load goes on
 

@@ -44,11 +44,6 @@ inline size_t rowReach(const IndexSort *index)
 // blocks), so `less` must be callable from several threads at once.
 void stableSort(const std::vector<Segment> &segments, const Less &less, bool parallel);
 
-// Merges `segments` taken as one sequence whose runs of `runLength` records
-// from its start (the last one shorter) are each sorted already, in place:
-// the result is the stable sort's.
-void mergeRuns(const std::vector<Segment> &segments, long long runLength, const Less &less, bool parallel);
-
 // A load's rows sorted run by run for the table's sorted indexes while the
 // load goes on, on helper threads that take what the reading leaves of the
 // cores, so that each index's build after the load only merges them. A
